@@ -1,0 +1,49 @@
+// The migration registry: brings an index file made by an older build to this
+// build's schema version, one registered step at a time.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "marsk_quorvi/storage/sqlite.hpp"
+
+namespace marsk_quorvi::storage::migrations {
+
+// The version of a file that records none (the first release).
+extern const std::string OLDEST_VERSION;
+// This build's schema version.
+extern const std::string SCHEMA_VERSION;
+
+// A failed migration step; the file keeps the version before that step.
+class SchemaMigrationError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Opens one scoped transaction on the database and runs the body in it: the
+// database's own `transaction`, bound to it.
+using Transaction = std::function<void(const std::function<void(Cursor&)>&)>;
+
+// Runs the registered steps that come after `version`, oldest first, each in
+// its own scope opened through `transaction`, and returns the version reached.
+// A failing step is logged once and raised as SchemaMigrationError.
+std::string migrate(const Transaction& transaction, const std::string& version);
+
+// Marks stale, inside the caller's transaction, every file of the given
+// languages (never empty) so the next index pass re-parses them. Returns how
+// many files were marked.
+std::int64_t mark_files_stale(Cursor& cursor, const std::vector<std::string>& languages);
+
+// Runs a multi-statement DDL script on the cursor's connection, inside the
+// caller's transaction.
+void run_ddl(Cursor& cursor, std::string_view ddl);
+
+// Creates the empty full-text table code_chunks (rowid, text, start_line,
+// end_line, exact) and its file trigger.
+extern const std::string CODE_CHUNKS_DDL;
+
+}  // namespace marsk_quorvi::storage::migrations

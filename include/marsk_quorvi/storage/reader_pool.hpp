@@ -1,0 +1,86 @@
+// A pool of read-only connections to one WAL database file, so that queries
+// run beside a write in progress instead of waiting for it.
+//
+// Thread safety: every member may be called from any thread. A leased
+// connection belongs to the lease's thread alone until the lease ends.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "marsk_quorvi/storage/sqlite.hpp"
+
+namespace marsk_quorvi::storage {
+
+// The pool cannot hand out a connection (it is closed). The query then runs on
+// the writer connection instead.
+class ReaderUnavailable : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+class ReaderPool {
+ public:
+  // Applied to each read connection when it is opened (the SQL path functions).
+  using Configure = std::function<void(Connection&)>;
+
+  // `count`, 1 to 32, bounds the connections open at once. Connections are
+  // opened on first need, read-only, each with `configure` applied; nothing is
+  // opened here.
+  ReaderPool(std::string path, int count, Configure configure = {});
+  ~ReaderPool();
+  ReaderPool(const ReaderPool&) = delete;
+  ReaderPool& operator=(const ReaderPool&) = delete;
+
+  // One leased connection; it goes back to the pool when the lease ends, also
+  // when it ends by an exception.
+  class Lease {
+   public:
+    Lease(Lease&& other) noexcept : pool_(other.pool_), conn_(std::move(other.conn_)) { other.pool_ = nullptr; }
+    Lease& operator=(Lease&&) = delete;
+    ~Lease();
+    Connection& connection() const noexcept { return *conn_; }
+
+   private:
+    friend class ReaderPool;
+    Lease(ReaderPool* pool, std::shared_ptr<Connection> conn) : pool_(pool), conn_(std::move(conn)) {}
+    ReaderPool* pool_;
+    std::shared_ptr<Connection> conn_;
+  };
+
+  // Hands out an idle connection, opening a new one while fewer than `count`
+  // are open. When all `count` are leased it waits for one to come back:
+  // leases last one query, and a query that waited here is still faster than
+  // one sent to the writer connection behind a long write. Raises
+  // ReaderUnavailable once the pool is closed, and the OperationalError of a
+  // connection that cannot be opened.
+  Lease lease();
+  // Refuses new leases, waits for the leased connections to come back and
+  // closes every connection. May be called more than once.
+  void close();
+  bool closed() const;
+  int size() const noexcept { return count_; }
+  // Connections open now (idle or leased).
+  int open_connections() const;
+
+ private:
+  void give_back(std::shared_ptr<Connection> conn) noexcept;
+
+  const std::string path_;
+  const int count_;
+  const Configure configure_;
+  mutable std::mutex mu_;
+  std::condition_variable cv_;
+  std::vector<std::shared_ptr<Connection>> idle_;  // guarded by mu_
+  int open_ = 0;                                   // guarded by mu_
+  int leased_ = 0;                                 // guarded by mu_
+  bool closed_ = false;                            // guarded by mu_
+};
+
+}  // namespace marsk_quorvi::storage

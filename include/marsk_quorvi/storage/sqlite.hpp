@@ -1,0 +1,246 @@
+// The SQLite access layer: a thin, owned-handle wrapper over the SQLite C API
+// through which the storage layer does every read and write.
+//
+// Thread safety: a `Connection` opened with `Options::serialized` (the default)
+// may be used from any thread, one call at a time being enforced by SQLite
+// itself; one opened without it belongs to one thread at a time. A `Cursor` and
+// a `Row` are plain values owned by their user.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <variant>
+#include <vector>
+
+#include "marsk_quorvi/errors.hpp"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace marsk_quorvi::storage {
+
+// Every SQLite failure. The message is SQLite's own text; `code()` is the
+// (extended) result code that SQLite returned.
+class Error : public std::runtime_error {
+ public:
+  explicit Error(const std::string& message, int code = 1);
+  int code() const noexcept { return code_; }
+
+ private:
+  int code_;
+};
+
+// Failures of the database's operation rather than of the statement's data:
+// a statement that cannot be prepared (missing table, syntax), a busy or
+// locked file, a read-only database, a file that cannot be opened, I/O
+// errors, a full disk.
+class OperationalError : public Error {
+ public:
+  using Error::Error;
+};
+
+using Blob = std::vector<std::uint8_t>;
+
+// One SQL value: null, 64-bit integer, double, text (UTF-8) or blob.
+class Value {
+ public:
+  enum class Type { Null, Integer, Real, Text, Blob };
+
+  Value() noexcept = default;
+  Value(std::nullptr_t) noexcept {}
+  Value(std::nullopt_t) noexcept {}
+  template <class T>
+    requires std::is_integral_v<T>
+  Value(T v) noexcept : v_(static_cast<std::int64_t>(v)) {}
+  Value(double v) noexcept : v_(v) {}
+  Value(std::string v) noexcept : v_(std::move(v)) {}
+  Value(std::string_view v) : v_(std::string(v)) {}
+  Value(const char* v) : v_(std::string(v)) {}
+  Value(Blob v) noexcept : v_(std::move(v)) {}
+  template <class T>
+  Value(const std::optional<T>& v) : Value() {
+    if (v) *this = Value(*v);
+  }
+
+  Type type() const noexcept { return static_cast<Type>(v_.index()); }
+  bool is_null() const noexcept { return v_.index() == 0; }
+
+  // Integer value; a real is truncated, a text is parsed as a decimal integer.
+  // Raises Error for null, blob and non-numeric text.
+  std::int64_t as_int() const;
+  // Real value; an integer is widened. Raises Error for null, text and blob.
+  double as_double() const;
+  // The text of a text value. Raises Error for any other type.
+  const std::string& as_text() const;
+  const Blob& as_blob() const;
+  // The value converted to text whatever its type: integers in decimal, reals
+  // in their shortest round-trip form, blobs as their bytes, null as "NULL".
+  std::string to_text() const;
+
+  bool operator==(const Value&) const = default;
+
+ private:
+  std::variant<std::monostate, std::int64_t, double, std::string, Blob> v_;
+};
+
+using Params = std::vector<Value>;
+
+// One result row. It owns its values, so it outlives the cursor that made it.
+class Row {
+ public:
+  Row(std::shared_ptr<const std::vector<std::string>> names, std::vector<Value> values)
+      : names_(std::move(names)), values_(std::move(values)) {}
+
+  std::size_t size() const noexcept { return values_.size(); }
+  // Raises std::out_of_range past the last column.
+  const Value& operator[](std::size_t index) const;
+  // The first column of that name, compared without regard to ASCII case;
+  // raises std::out_of_range for an unknown name.
+  const Value& operator[](std::string_view name) const;
+  const std::vector<std::string>& keys() const noexcept { return *names_; }
+  const std::vector<Value>& values() const noexcept { return values_; }
+
+ private:
+  std::shared_ptr<const std::vector<std::string>> names_;
+  std::vector<Value> values_;
+};
+
+class Connection;
+namespace detail {
+struct Statement;
+struct StatementReturn {
+  void operator()(Statement* s) const noexcept;
+};
+using StatementPtr = std::unique_ptr<Statement, StatementReturn>;
+}  // namespace detail
+
+// Runs one statement at a time on its connection. A statement that writes is
+// run to completion by `execute` (its result rows, if any, are kept for the
+// fetches), so that the write is done when `execute` returns; a read is
+// stepped lazily, one row per fetch.
+class Cursor {
+ public:
+  Cursor(Cursor&&) noexcept = default;
+  // The statement goes back to its own connection before this cursor takes
+  // the other's, which may be the last owner of a different connection.
+  Cursor& operator=(Cursor&& other) noexcept {
+    if (this != &other) {
+      stmt_.reset();
+      conn_ = std::move(other.conn_);
+      stmt_ = std::move(other.stmt_);
+      buffered_ = std::move(other.buffered_);
+      next_buffered_ = other.next_buffered_;
+      has_pending_ = other.has_pending_;
+      done_ = other.done_;
+      closed_ = other.closed_;
+      rowcount_ = other.rowcount_;
+    }
+    return *this;
+  }
+  ~Cursor() = default;
+
+  // Prepares (or takes from the connection's cache) `sql`, binds `params` to
+  // its `?` placeholders in order and runs it. Raises Error/OperationalError.
+  Cursor& execute(std::string_view sql, const Params& params = {});
+  // Runs `sql` once per parameter set, in order; `rowcount` is the total.
+  Cursor& executemany(std::string_view sql, const std::vector<Params>& params_list);
+  // The next row, or none when the result is exhausted.
+  std::optional<Row> fetchone();
+  // The remaining rows, possibly none.
+  std::vector<Row> fetchall();
+  // Rows changed by the last INSERT, UPDATE, DELETE or REPLACE; -1 otherwise.
+  std::int64_t rowcount() const noexcept { return rowcount_; }
+  // Gives the statement back to the connection's cache. Harmless when closed.
+  void close() noexcept;
+  bool closed() const noexcept { return closed_; }
+  Connection& connection() const noexcept { return *conn_; }
+
+ private:
+  friend class Connection;
+  explicit Cursor(std::shared_ptr<Connection> conn) : conn_(std::move(conn)) {}
+  bool step_row();  // true when a row is current
+  Row current_row();
+  void check_open() const;
+
+  std::shared_ptr<Connection> conn_;
+  detail::StatementPtr stmt_;
+  std::vector<Row> buffered_;  // rows read ahead by a write statement
+  std::size_t next_buffered_ = 0;
+  bool has_pending_ = false;  // stmt_ holds a row not yet fetched
+  bool done_ = true;
+  bool closed_ = false;
+  std::int64_t rowcount_ = -1;
+};
+
+// One SQLite connection. Autocommit: it never begins a transaction of its
+// own, so a statement outside an explicit BEGIN commits at once.
+class Connection : public std::enable_shared_from_this<Connection> {
+ public:
+  struct Options {
+    bool readonly = false;
+    // SQLite serialises calls itself, so several threads may use the
+    // connection in turn (and read a cursor after the caller's lock is gone).
+    bool serialized = true;
+    int busy_timeout_ms = 5000;
+    // Prepared statements kept per connection, least recently used dropped.
+    std::size_t statement_cache = 64;
+  };
+
+  // Opens (and for a writable connection creates) the file. Raises
+  // OperationalError "unable to open database file" and the like.
+  static std::shared_ptr<Connection> open(const std::string& path, const Options& options);
+  static std::shared_ptr<Connection> open(const std::string& path) { return open(path, Options{}); }
+  ~Connection();
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  Cursor cursor();
+  Cursor execute(std::string_view sql, const Params& params = {});
+  Cursor executemany(std::string_view sql, const std::vector<Params>& params_list);
+  // Runs several `;`-separated statements (DDL scripts) without parameters.
+  void executescript(const std::string& sql);
+  // Finalises the cached statements and closes the handle; statements still
+  // held by open cursors keep SQLite's handle alive until they are closed.
+  // Harmless when already closed.
+  void close();
+  bool closed() const noexcept;
+  bool readonly() const noexcept { return options_.readonly; }
+  // The raw handle, for registering functions and for measurements. Null
+  // after close.
+  sqlite3* handle() const noexcept;
+  const std::string& path() const noexcept { return path_; }
+
+ private:
+  friend class Cursor;
+  friend struct detail::StatementReturn;
+  Connection(sqlite3* db, std::string path, Options options);
+  detail::StatementPtr acquire(std::string_view sql);
+  void give_back(detail::Statement* s) noexcept;
+
+  struct TransparentHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view s) const noexcept { return std::hash<std::string_view>{}(s); }
+  };
+  using Lru = std::list<detail::Statement*>;
+
+  mutable std::mutex mu_;  // guards db_, lru_, index_
+  sqlite3* db_;
+  const std::string path_;
+  const Options options_;
+  Lru lru_;  // most recently returned first
+  std::unordered_map<std::string, Lru::iterator, TransparentHash, std::equal_to<>> index_;
+};
+
+// Raises the Error or OperationalError for result code `rc` with SQLite's
+// message for `db` (or the generic text of `rc` when `db` is null).
+[[noreturn]] void raise_error(sqlite3* db, int rc);
+[[noreturn]] void raise_error(int rc, const std::string& message);
+
+}  // namespace marsk_quorvi::storage

@@ -1,0 +1,6 @@
+#!/usr/bin/env bash
+# Builds everything and runs the test suite (GoogleTest under ctest).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/setup.sh release
+ctest --preset release

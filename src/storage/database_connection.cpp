@@ -1,0 +1,261 @@
+// Connection and query routing: reader settings, statement classification,
+// the handle's lifecycle, transactions and writes, and the query router.
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+
+#include "log.hpp"
+#include "marsk_quorvi/storage/database.hpp"
+#include "marsk_quorvi/storage/storage_size.hpp"
+#include "marsk_quorvi/utils/path_filter.hpp"
+
+namespace marsk_quorvi::storage {
+
+namespace {
+
+bool is_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; }
+
+std::string_view strip(std::string_view s) {
+  while (!s.empty() && is_space(s.front())) s.remove_prefix(1);
+  while (!s.empty() && is_space(s.back())) s.remove_suffix(1);
+  return s;
+}
+
+std::string upper(std::string_view s) {
+  std::string out(s);
+  for (auto& c : out) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return out;
+}
+
+std::string lower(std::string_view s) {
+  std::string out(s);
+  for (auto& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return out;
+}
+
+thread_local int event_loop_depth = 0;
+
+}  // namespace
+
+// ------------------------------------------------------------------ reader settings
+
+int reader_count() {
+  const char* raw = std::getenv(_READERS_ENV);
+  if (raw == nullptr) return _DEFAULT_READERS;
+  std::string_view value = strip(raw);
+  if (value.empty()) return _DEFAULT_READERS;
+  bool negative = false;
+  if (value.front() == '+' || value.front() == '-') {
+    negative = value.front() == '-';
+    value.remove_prefix(1);
+  }
+  if (value.empty() || !std::all_of(value.begin(), value.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+    return _DEFAULT_READERS;
+  }
+  // Any number of digits parses; past 32 it only matters that it is large.
+  long long n = 0;
+  auto [p, ec] = std::from_chars(value.data(), value.data() + value.size(), n);
+  if (ec == std::errc::result_out_of_range) n = static_cast<long long>(_MAX_READERS) + 1;
+  (void)p;
+  if (negative) n = -n;
+  return static_cast<int>(std::max<long long>(std::min<long long>(n, _MAX_READERS), 0));
+}
+
+bool _is_read_statement(std::string_view sql) {
+  std::string_view rest = sql;
+  while (!rest.empty() && is_space(rest.front())) rest.remove_prefix(1);
+  // Only the head is upper-cased: this decides the route of most queries.
+  char head[8];
+  const std::size_t n = std::min<std::size_t>(rest.size(), sizeof head);
+  for (std::size_t i = 0; i < n; ++i) head[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(rest[i])));
+  const std::string_view h(head, n);
+  if (h.starts_with("SELECT") || h.starts_with("WITH")) return true;
+
+  std::string_view whole = strip(sql);
+  while (!whole.empty() && whole.back() == ';') whole.remove_suffix(1);
+  return upper(strip(whole)) == "PRAGMA USER_VERSION";
+}
+
+bool _reader_cannot_serve(const OperationalError& error) {
+  const std::string message = lower(error.what());
+  for (const char* fragment : _READER_CANNOT_SERVE) {
+    if (message.find(fragment) != std::string::npos) return true;
+  }
+  return false;
+}
+
+// ------------------------------------------------------------------ event loop
+
+EventLoopThread::EventLoopThread() noexcept { ++event_loop_depth; }
+EventLoopThread::~EventLoopThread() { --event_loop_depth; }
+bool _on_event_loop() { return event_loop_depth > 0; }
+
+// ------------------------------------------------------------------ RowCounts
+
+void RowCounts::set(std::string_view key, std::int64_t value) {
+  for (auto& [k, v] : items_) {
+    if (k == key) {
+      v = value;
+      return;
+    }
+  }
+  items_.emplace_back(std::string(key), value);
+}
+
+bool RowCounts::contains(std::string_view key) const noexcept {
+  return std::any_of(items_.begin(), items_.end(), [&](const value_type& kv) { return kv.first == key; });
+}
+
+std::int64_t RowCounts::at(std::string_view key) const {
+  for (const auto& [k, v] : items_) {
+    if (k == key) return v;
+  }
+  throw std::out_of_range("no count for " + std::string(key));
+}
+
+std::vector<std::string> RowCounts::keys() const {
+  std::vector<std::string> out;
+  out.reserve(items_.size());
+  for (const auto& kv : items_) out.push_back(kv.first);
+  return out;
+}
+
+std::string RowCounts::to_string() const {
+  std::string out = "{";
+  for (std::size_t i = 0; i < items_.size(); ++i) {
+    if (i) out += ", ";
+    out += detail::quoted_repr(items_[i].first);
+    out += ": ";
+    out += std::to_string(items_[i].second);
+  }
+  out += "}";
+  return out;
+}
+
+// ------------------------------------------------------------------ lifecycle
+
+Database::Database(std::filesystem::path path) : db_path(std::move(path)) {}
+
+Database::~Database() {
+  try {
+    close();
+  } catch (...) {
+    // A destructor never throws; a failing close leaves nothing to undo.
+  }
+}
+
+void Database::connect() {
+  const auto parent = db_path.parent_path();
+  if (!parent.empty()) std::filesystem::create_directories(parent);
+  _closed.store(false);
+  auto conn = Connection::open(db_path.string());
+  _connection.store(conn);
+  conn->execute("PRAGMA page_size=" + std::to_string(storage_size::PAGE_SIZE));
+  conn->execute("PRAGMA auto_vacuum=INCREMENTAL");
+  auto journal = conn->execute("PRAGMA journal_mode=WAL").fetchone();
+  conn->execute("PRAGMA foreign_keys=ON");
+  conn->execute("PRAGMA synchronous=NORMAL");
+  utils::register_path_functions(*conn);
+  const std::string mode = journal ? lower((*journal)[0].to_text()) : std::string();
+  auto previous = _readers.exchange(_open_readers(mode));
+  // A second connect replaces the pool; the old one is released here.
+  if (previous) previous->close();
+}
+
+std::shared_ptr<ReaderPool> Database::_open_readers(const std::string& journal_mode) {
+  const int count = reader_count();
+  // A read connection only escapes the writer's lock in WAL mode.
+  if (count == 0 || journal_mode != "wal") return nullptr;
+  return std::make_shared<ReaderPool>(db_path.string(), count, &utils::register_path_functions);
+}
+
+void Database::close() {
+  // Never hold the lock while waiting for the pool's queries.
+  if (auto readers = _readers.load()) readers->close();
+  std::lock_guard lock(_lock);
+  if (auto conn = _connection.load()) {
+    conn->close();
+    _connection.store(nullptr);
+    _closed.store(true);
+  }
+}
+
+std::shared_ptr<Connection> Database::connection() const {
+  auto conn = _connection.load();
+  if (!conn) {
+    if (_closed.load()) throw RuntimeError("Database is closed.");
+    throw RuntimeError("Database not connected. Call connect() first.");
+  }
+  return conn;
+}
+
+// ------------------------------------------------------------------ transactions and writes
+
+void Database::_transaction(const std::function<void(Cursor&)>& body) {
+  std::lock_guard lock(_lock);
+  if (_tx_depth > 0) {
+    ++_tx_depth;
+    struct Depth {
+      int& d;
+      ~Depth() { --d; }
+    } depth{_tx_depth};
+    Cursor cursor = connection()->cursor();
+    body(cursor);
+    return;
+  }
+  Cursor cursor = connection()->cursor();
+  _tx_depth = 1;
+  _tx_owner.store(std::this_thread::get_id());
+  try {
+    cursor.execute("BEGIN");
+    body(cursor);
+    cursor.execute("COMMIT");
+  } catch (...) {
+    try {
+      cursor.execute("ROLLBACK");
+    } catch (const Error&) {
+      // The failure that led here is the one to report.
+    }
+    _tx_depth = 0;
+    _tx_owner.store(std::thread::id());
+    throw;
+  }
+  _tx_depth = 0;
+  _tx_owner.store(std::thread::id());
+}
+
+Cursor Database::execute(std::string_view sql, const Params& params) {
+  std::lock_guard lock(_lock);
+  return connection()->execute(sql, params);
+}
+
+Cursor Database::executemany(std::string_view sql, const std::vector<Params>& params_list) {
+  std::lock_guard lock(_lock);
+  return connection()->executemany(sql, params_list);
+}
+
+// ------------------------------------------------------------------ query routing
+
+std::shared_ptr<ReaderPool> Database::_readers_for(std::string_view sql) const {
+  auto readers = _readers.load();
+  if (!readers) return nullptr;
+  if (_tx_owner.load() == std::this_thread::get_id()) return nullptr;
+  return _is_read_statement(sql) ? readers : nullptr;
+}
+
+std::optional<Row> Database::fetchone(std::string_view sql, const Params& params) {
+  return _query(sql, params, [](Cursor& c) { return c.fetchone(); });
+}
+
+std::vector<Row> Database::fetchall(std::string_view sql, const Params& params) {
+  return _query(sql, params, [](Cursor& c) { return c.fetchall(); });
+}
+
+std::int64_t Database::_count(std::string_view sql) {
+  auto r = fetchone(sql);
+  return r ? (*r)[0].as_int() : 0;
+}
+
+}  // namespace marsk_quorvi::storage

@@ -1,0 +1,122 @@
+#include "log.hpp"
+
+#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/spdlog.h>
+
+#include "marsk_quorvi/errors.hpp"
+#include "marsk_quorvi/storage/migrations.hpp"
+#include "marsk_quorvi/storage/reader_pool.hpp"
+#include "marsk_quorvi/storage/sqlite.hpp"
+
+namespace marsk_quorvi::storage {
+
+std::shared_ptr<spdlog::logger> database_logger() {
+  static const std::shared_ptr<spdlog::logger> logger = [] {
+    if (auto existing = spdlog::get(LOGGER_NAME)) return existing;
+    auto created = std::make_shared<spdlog::logger>(LOGGER_NAME, std::make_shared<spdlog::sinks::stderr_sink_mt>());
+    created->set_level(spdlog::level::warn);
+    created->set_pattern("%Y-%m-%d %H:%M:%S %l %n: %v");
+    spdlog::register_logger(created);
+    return created;
+  }();
+  return logger;
+}
+
+namespace detail {
+
+namespace {
+
+// Decodes one UTF-8 code point at `i`; returns false for an invalid sequence.
+bool decode(std::string_view s, std::size_t& i, char32_t& cp) {
+  const auto b0 = static_cast<unsigned char>(s[i]);
+  int len = b0 < 0x80 ? 1 : (b0 >> 5) == 0x6 ? 2 : (b0 >> 4) == 0xe ? 3 : (b0 >> 3) == 0x1e ? 4 : 0;
+  if (len == 0 || i + static_cast<std::size_t>(len) > s.size()) return false;
+  cp = len == 1 ? b0 : len == 2 ? (b0 & 0x1f) : len == 3 ? (b0 & 0x0f) : (b0 & 0x07);
+  for (int k = 1; k < len; ++k) {
+    const auto b = static_cast<unsigned char>(s[i + static_cast<std::size_t>(k)]);
+    if ((b >> 6) != 0x2) return false;
+    cp = (cp << 6) | (b & 0x3f);
+  }
+  static constexpr char32_t min_for_len[] = {0, 0, 0x80, 0x800, 0x10000};
+  if (cp < min_for_len[len] || cp > 0x10ffff || (cp >= 0xd800 && cp <= 0xdfff)) return false;
+  i += static_cast<std::size_t>(len);
+  return true;
+}
+
+bool printable(char32_t cp) {
+  if (cp < 0x20 || cp == 0x7f) return false;
+  if (cp >= 0x80 && cp <= 0xa0) return false;
+  if (cp == 0xad) return false;
+  if (cp == 0x2028 || cp == 0x2029 || (cp >= 0x200b && cp <= 0x200f) || cp == 0xfeff) return false;
+  if (cp >= 0xe000 && cp <= 0xf8ff) return false;  // private use
+  return true;
+}
+
+}  // namespace
+
+std::string quoted_repr(std::string_view text) {
+  const bool has_single = text.find('\'') != std::string_view::npos;
+  const bool has_double = text.find('"') != std::string_view::npos;
+  const char quote = has_single && !has_double ? '"' : '\'';
+  std::string out;
+  out.reserve(text.size() + 2);
+  out.push_back(quote);
+  std::size_t i = 0;
+  while (i < text.size()) {
+    const std::size_t start = i;
+    char32_t cp = 0;
+    if (!decode(text, i, cp)) {
+      out += fmt::format("\\x{:02x}", static_cast<unsigned char>(text[i]));
+      ++i;
+      continue;
+    }
+    if (cp == '\\' || cp == static_cast<char32_t>(quote)) {
+      out.push_back('\\');
+      out.push_back(static_cast<char>(cp));
+    } else if (cp == '\n') {
+      out += "\\n";
+    } else if (cp == '\t') {
+      out += "\\t";
+    } else if (cp == '\r') {
+      out += "\\r";
+    } else if (printable(cp)) {
+      out.append(text.substr(start, i - start));
+    } else if (cp <= 0xff) {
+      out += fmt::format("\\x{:02x}", static_cast<unsigned>(cp));
+    } else if (cp <= 0xffff) {
+      out += fmt::format("\\u{:04x}", static_cast<unsigned>(cp));
+    } else {
+      out += fmt::format("\\U{:08x}", static_cast<unsigned>(cp));
+    }
+  }
+  out.push_back(quote);
+  return out;
+}
+
+std::string describe_exception(std::exception_ptr error) {
+  if (!error) return "";
+  try {
+    std::rethrow_exception(error);
+  } catch (const FileNotFoundError& e) {
+    return std::string("FileNotFoundError: ") + e.what();
+  } catch (const OSError& e) {
+    return std::string("OSError: ") + e.what();
+  } catch (const OperationalError& e) {
+    return std::string("OperationalError: ") + e.what();
+  } catch (const Error& e) {
+    return std::string("Error: ") + e.what();
+  } catch (const RuntimeError& e) {
+    return std::string("RuntimeError: ") + e.what();
+  } catch (const migrations::SchemaMigrationError& e) {
+    return std::string("SchemaMigrationError: ") + e.what();
+  } catch (const ReaderUnavailable& e) {
+    return std::string("ReaderUnavailable: ") + e.what();
+  } catch (const std::exception& e) {
+    return std::string("std::exception: ") + e.what();
+  } catch (...) {
+    return "unknown exception";
+  }
+}
+
+}  // namespace detail
+}  // namespace marsk_quorvi::storage

@@ -1,0 +1,90 @@
+#include "marsk_quorvi/storage/reader_pool.hpp"
+
+namespace marsk_quorvi::storage {
+
+ReaderPool::ReaderPool(std::string path, int count, Configure configure)
+    : path_(std::move(path)), count_(count < 1 ? 1 : count), configure_(std::move(configure)) {}
+
+ReaderPool::~ReaderPool() {
+  try {
+    close();
+  } catch (...) {
+  }
+}
+
+ReaderPool::Lease::~Lease() {
+  if (pool_) pool_->give_back(std::move(conn_));
+}
+
+ReaderPool::Lease ReaderPool::lease() {
+  std::unique_lock lk(mu_);
+  cv_.wait(lk, [&] { return closed_ || !idle_.empty() || open_ < count_; });
+  if (closed_) throw ReaderUnavailable("the read pool is closed");
+  if (!idle_.empty()) {
+    auto conn = std::move(idle_.back());
+    idle_.pop_back();
+    ++leased_;
+    return Lease(this, std::move(conn));
+  }
+  // Open outside the mutex: other leases should not wait for a file open.
+  ++open_;
+  ++leased_;
+  lk.unlock();
+  try {
+    Connection::Options options;
+    options.readonly = true;
+    options.serialized = false;  // one thread at a time, by lease
+    auto conn = Connection::open(path_, options);
+    if (configure_) configure_(*conn);
+    return Lease(this, std::move(conn));
+  } catch (...) {
+    lk.lock();
+    --open_;
+    --leased_;
+    lk.unlock();
+    cv_.notify_all();
+    throw;
+  }
+}
+
+void ReaderPool::give_back(std::shared_ptr<Connection> conn) noexcept {
+  std::shared_ptr<Connection> doomed;
+  {
+    std::lock_guard lk(mu_);
+    --leased_;
+    if (closed_) {
+      --open_;
+      doomed = std::move(conn);
+    } else {
+      idle_.push_back(std::move(conn));
+    }
+  }
+  cv_.notify_all();
+  if (doomed) doomed->close();
+}
+
+void ReaderPool::close() {
+  std::vector<std::shared_ptr<Connection>> idle;
+  {
+    std::unique_lock lk(mu_);
+    closed_ = true;
+    idle.swap(idle_);
+    open_ -= static_cast<int>(idle.size());
+    cv_.notify_all();
+    // Queries still running on leased connections finish first.
+    cv_.wait(lk, [&] { return leased_ == 0; });
+  }
+  for (auto& c : idle) c->close();
+}
+
+bool ReaderPool::closed() const {
+  std::lock_guard lk(mu_);
+  return closed_;
+}
+
+int ReaderPool::open_connections() const {
+  std::lock_guard lk(mu_);
+  return open_;
+}
+
+}  // namespace marsk_quorvi::storage

@@ -1,0 +1,537 @@
+#include "marsk_quorvi/storage/sqlite.hpp"
+
+#include <sqlite3.h>
+
+#include <cctype>
+#include <charconv>
+#include <cstring>
+
+namespace marsk_quorvi::storage {
+
+namespace detail {
+
+// A prepared statement with what the cursor needs to know about it, computed
+// once at prepare time and kept with it in the cache.
+struct Statement {
+  Connection* owner = nullptr;
+  std::string sql;
+  sqlite3_stmt* stmt = nullptr;
+  std::shared_ptr<const std::vector<std::string>> names;
+  bool readonly = true;  // sqlite3_stmt_readonly
+  bool dml = false;      // INSERT/UPDATE/DELETE/REPLACE: rowcount applies
+
+  ~Statement() {
+    if (stmt) sqlite3_finalize(stmt);
+  }
+};
+
+void StatementReturn::operator()(Statement* s) const noexcept {
+  if (s) s->owner->give_back(s);
+}
+
+}  // namespace detail
+
+namespace {
+
+bool is_operational(int rc) {
+  switch (rc & 0xff) {
+    case SQLITE_ERROR:
+    case SQLITE_PERM:
+    case SQLITE_ABORT:
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+    case SQLITE_READONLY:
+    case SQLITE_INTERRUPT:
+    case SQLITE_IOERR:
+    case SQLITE_FULL:
+    case SQLITE_CANTOPEN:
+    case SQLITE_PROTOCOL:
+    case SQLITE_EMPTY:
+    case SQLITE_SCHEMA:
+    case SQLITE_NOLFS:
+    case SQLITE_AUTH:
+      return true;
+    default:
+      return false;
+  }
+}
+
+std::string_view skip_space_and_comments(std::string_view s) {
+  for (;;) {
+    std::size_t i = 0;
+    while (i < s.size() && std::isspace(static_cast<unsigned char>(s[i]))) ++i;
+    s.remove_prefix(i);
+    if (s.starts_with("--")) {
+      auto nl = s.find('\n');
+      s.remove_prefix(nl == std::string_view::npos ? s.size() : nl + 1);
+    } else if (s.starts_with("/*")) {
+      auto end = s.find("*/", 2);
+      s.remove_prefix(end == std::string_view::npos ? s.size() : end + 2);
+    } else {
+      return s;
+    }
+  }
+}
+
+bool starts_with_keyword(std::string_view s, std::string_view kw) {
+  if (s.size() < kw.size()) return false;
+  for (std::size_t i = 0; i < kw.size(); ++i) {
+    if (std::toupper(static_cast<unsigned char>(s[i])) != kw[i]) return false;
+  }
+  return s.size() == kw.size() || !(std::isalnum(static_cast<unsigned char>(s[kw.size()])) || s[kw.size()] == '_');
+}
+
+bool is_dml(std::string_view sql) {
+  auto s = skip_space_and_comments(sql);
+  for (auto kw : {"INSERT", "UPDATE", "DELETE", "REPLACE", "WITH"}) {
+    if (starts_with_keyword(s, kw)) return true;
+  }
+  return false;
+}
+
+void bind_all(sqlite3_stmt* stmt, const Params& params) {
+  const int expected = sqlite3_bind_parameter_count(stmt);
+  if (static_cast<int>(params.size()) != expected) {
+    raise_error(SQLITE_RANGE, "Incorrect number of bindings supplied. The current statement uses " +
+                                  std::to_string(expected) + ", and there are " + std::to_string(params.size()) +
+                                  " supplied.");
+  }
+  for (int i = 0; i < expected; ++i) {
+    const Value& v = params[static_cast<std::size_t>(i)];
+    int rc = SQLITE_OK;
+    switch (v.type()) {
+      case Value::Type::Null:
+        rc = sqlite3_bind_null(stmt, i + 1);
+        break;
+      case Value::Type::Integer:
+        rc = sqlite3_bind_int64(stmt, i + 1, v.as_int());
+        break;
+      case Value::Type::Real:
+        rc = sqlite3_bind_double(stmt, i + 1, v.as_double());
+        break;
+      case Value::Type::Text: {
+        const auto& t = v.as_text();
+        rc = sqlite3_bind_text64(stmt, i + 1, t.data(), t.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
+        break;
+      }
+      case Value::Type::Blob: {
+        const auto& b = v.as_blob();
+        rc = sqlite3_bind_blob64(stmt, i + 1, b.empty() ? "" : static_cast<const void*>(b.data()), b.size(),
+                                 SQLITE_TRANSIENT);
+        break;
+      }
+    }
+    if (rc != SQLITE_OK) raise_error(sqlite3_db_handle(stmt), rc);
+  }
+}
+
+// Holds SQLite's own connection mutex (a no-op on a connection opened without
+// it) so that a step and the reading of its error message are one unit even
+// when other threads use the connection.
+class DbMutex {
+ public:
+  explicit DbMutex(sqlite3* db) : m_(db ? sqlite3_db_mutex(db) : nullptr) { sqlite3_mutex_enter(m_); }
+  ~DbMutex() { sqlite3_mutex_leave(m_); }
+  DbMutex(const DbMutex&) = delete;
+  DbMutex& operator=(const DbMutex&) = delete;
+
+ private:
+  sqlite3_mutex* m_;
+};
+
+[[noreturn]] void raise_step_error(sqlite3_stmt* stmt, int rc) {
+  sqlite3* db = sqlite3_db_handle(stmt);
+  std::string message = sqlite3_errmsg(db);
+  sqlite3_reset(stmt);
+  raise_error(rc, message);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- errors
+
+Error::Error(const std::string& message, int code) : std::runtime_error(message), code_(code) {}
+
+void raise_error(int rc, const std::string& message) {
+  if (is_operational(rc)) throw OperationalError(message, rc);
+  throw Error(message, rc);
+}
+
+void raise_error(sqlite3* db, int rc) {
+  raise_error(rc, db ? std::string(sqlite3_errmsg(db)) : std::string(sqlite3_errstr(rc)));
+}
+
+// ---------------------------------------------------------------- Value
+
+std::int64_t Value::as_int() const {
+  switch (type()) {
+    case Type::Integer:
+      return std::get<std::int64_t>(v_);
+    case Type::Real:
+      return static_cast<std::int64_t>(std::get<double>(v_));
+    case Type::Text: {
+      const auto& s = std::get<std::string>(v_);
+      std::int64_t out = 0;
+      auto [p, ec] = std::from_chars(s.data(), s.data() + s.size(), out);
+      if (ec == std::errc() && p == s.data() + s.size() && !s.empty()) return out;
+      break;
+    }
+    default:
+      break;
+  }
+  throw Error("value is not an integer: " + to_text());
+}
+
+double Value::as_double() const {
+  if (type() == Type::Real) return std::get<double>(v_);
+  if (type() == Type::Integer) return static_cast<double>(std::get<std::int64_t>(v_));
+  throw Error("value is not a number: " + to_text());
+}
+
+const std::string& Value::as_text() const {
+  if (type() != Type::Text) throw Error("value is not text: " + to_text());
+  return std::get<std::string>(v_);
+}
+
+const Blob& Value::as_blob() const {
+  if (type() != Type::Blob) throw Error("value is not a blob: " + to_text());
+  return std::get<Blob>(v_);
+}
+
+std::string Value::to_text() const {
+  switch (type()) {
+    case Type::Null:
+      return "NULL";
+    case Type::Integer:
+      return std::to_string(std::get<std::int64_t>(v_));
+    case Type::Real: {
+      char buf[32];
+      auto [p, ec] = std::to_chars(buf, buf + sizeof buf, std::get<double>(v_));
+      (void)ec;
+      return std::string(buf, p);
+    }
+    case Type::Text:
+      return std::get<std::string>(v_);
+    case Type::Blob: {
+      const auto& b = std::get<Blob>(v_);
+      return std::string(b.begin(), b.end());
+    }
+  }
+  return {};
+}
+
+// ---------------------------------------------------------------- Row
+
+const Value& Row::operator[](std::size_t index) const {
+  if (index >= values_.size()) throw std::out_of_range("row has no column " + std::to_string(index));
+  return values_[index];
+}
+
+const Value& Row::operator[](std::string_view name) const {
+  const auto& names = *names_;
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    const auto& n = names[i];
+    if (n.size() != name.size()) continue;
+    bool same = true;
+    for (std::size_t k = 0; k < n.size() && same; ++k) {
+      same = std::tolower(static_cast<unsigned char>(n[k])) == std::tolower(static_cast<unsigned char>(name[k]));
+    }
+    if (same) return values_[i];
+  }
+  throw std::out_of_range("row has no column named " + std::string(name));
+}
+
+// ---------------------------------------------------------------- Connection
+
+Connection::Connection(sqlite3* db, std::string path, Options options)
+    : db_(db), path_(std::move(path)), options_(options) {}
+
+std::shared_ptr<Connection> Connection::open(const std::string& path, const Options& options) {
+  int flags = options.readonly ? SQLITE_OPEN_READONLY : (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+  flags |= options.serialized ? SQLITE_OPEN_FULLMUTEX : SQLITE_OPEN_NOMUTEX;
+  sqlite3* db = nullptr;
+  int rc = sqlite3_open_v2(path.c_str(), &db, flags, nullptr);
+  if (rc != SQLITE_OK) {
+    std::string message = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
+    sqlite3_close_v2(db);
+    raise_error(rc, message);
+  }
+  sqlite3_busy_timeout(db, options.busy_timeout_ms);
+  return std::shared_ptr<Connection>(new Connection(db, path, options));
+}
+
+Connection::~Connection() { close(); }
+
+void Connection::close() {
+  sqlite3* db;
+  Lru doomed;
+  {
+    std::lock_guard lk(mu_);
+    db = db_;
+    db_ = nullptr;
+    doomed.swap(lru_);
+    index_.clear();
+  }
+  for (auto* s : doomed) delete s;
+  // close_v2 keeps the handle as a zombie until the statements that open
+  // cursors still hold are finalised.
+  if (db) sqlite3_close_v2(db);
+}
+
+bool Connection::closed() const noexcept {
+  std::lock_guard lk(mu_);
+  return db_ == nullptr;
+}
+
+sqlite3* Connection::handle() const noexcept {
+  std::lock_guard lk(mu_);
+  return db_;
+}
+
+detail::StatementPtr Connection::acquire(std::string_view sql) {
+  sqlite3* db;
+  {
+    std::lock_guard lk(mu_);
+    db = db_;
+    if (!db) throw Error("Cannot operate on a closed database.", SQLITE_MISUSE);
+    if (auto it = index_.find(sql); it != index_.end()) {
+      detail::Statement* s = *it->second;
+      lru_.erase(it->second);
+      index_.erase(it);
+      return detail::StatementPtr(s);
+    }
+  }
+  auto s = std::make_unique<detail::Statement>();
+  s->owner = this;
+  s->sql = std::string(sql);
+  const char* tail = nullptr;
+  int rc;
+  std::string message;
+  {
+    DbMutex guard(db);
+    rc = sqlite3_prepare_v3(db, s->sql.data(), static_cast<int>(s->sql.size()), SQLITE_PREPARE_PERSISTENT,
+                            &s->stmt, &tail);
+    if (rc != SQLITE_OK) message = sqlite3_errmsg(db);
+  }
+  if (rc != SQLITE_OK) raise_error(rc, message);
+  if (tail && !skip_space_and_comments(std::string_view(tail, s->sql.data() + s->sql.size() - tail)).empty()) {
+    throw Error("You can only execute one statement at a time.", SQLITE_MISUSE);
+  }
+  if (s->stmt) {
+    const int n = sqlite3_column_count(s->stmt);
+    auto names = std::make_shared<std::vector<std::string>>();
+    names->reserve(static_cast<std::size_t>(n));
+    for (int i = 0; i < n; ++i) {
+      const char* name = sqlite3_column_name(s->stmt, i);
+      names->emplace_back(name ? name : "");
+    }
+    s->names = std::move(names);
+    s->readonly = sqlite3_stmt_readonly(s->stmt) != 0;
+    s->dml = !s->readonly && is_dml(s->sql);
+  } else {
+    s->names = std::make_shared<std::vector<std::string>>();
+  }
+  return detail::StatementPtr(s.release());
+}
+
+void Connection::give_back(detail::Statement* s) noexcept {
+  if (s->stmt) {
+    sqlite3_reset(s->stmt);
+    sqlite3_clear_bindings(s->stmt);
+  }
+  detail::Statement* evicted = nullptr;
+  {
+    std::lock_guard lk(mu_);
+    if (db_ == nullptr || options_.statement_cache == 0 || index_.contains(s->sql)) {
+      evicted = s;
+    } else {
+      lru_.push_front(s);
+      index_.emplace(s->sql, lru_.begin());
+      if (lru_.size() > options_.statement_cache) {
+        evicted = lru_.back();
+        index_.erase(evicted->sql);
+        lru_.pop_back();
+      }
+    }
+  }
+  delete evicted;
+}
+
+Cursor Connection::cursor() {
+  if (closed()) throw Error("Cannot operate on a closed database.", SQLITE_MISUSE);
+  return Cursor(shared_from_this());
+}
+
+Cursor Connection::execute(std::string_view sql, const Params& params) {
+  Cursor c = cursor();
+  c.execute(sql, params);
+  return c;
+}
+
+Cursor Connection::executemany(std::string_view sql, const std::vector<Params>& params_list) {
+  Cursor c = cursor();
+  c.executemany(sql, params_list);
+  return c;
+}
+
+void Connection::executescript(const std::string& sql) {
+  sqlite3* db = handle();
+  if (!db) throw Error("Cannot operate on a closed database.", SQLITE_MISUSE);
+  char* err = nullptr;
+  int rc;
+  {
+    DbMutex guard(db);
+    rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &err);
+  }
+  if (rc != SQLITE_OK) {
+    std::string message = err ? err : sqlite3_errstr(rc);
+    sqlite3_free(err);
+    raise_error(rc, message);
+  }
+}
+
+// ---------------------------------------------------------------- Cursor
+
+void Cursor::check_open() const {
+  if (closed_) throw Error("Cannot operate on a closed cursor.", SQLITE_MISUSE);
+}
+
+bool Cursor::step_row() {
+  sqlite3_stmt* st = stmt_->stmt;
+  int rc;
+  {
+    DbMutex guard(sqlite3_db_handle(st));
+    rc = sqlite3_step(st);
+    if (rc != SQLITE_ROW && rc != SQLITE_DONE) raise_step_error(st, rc);
+  }
+  if (rc == SQLITE_ROW) return true;
+  // Reset at once so that a finished read ends its read transaction.
+  sqlite3_reset(st);
+  done_ = true;
+  return false;
+}
+
+Row Cursor::current_row() {
+  sqlite3_stmt* st = stmt_->stmt;
+  const int n = sqlite3_column_count(st);
+  if (static_cast<std::size_t>(n) != stmt_->names->size()) {
+    // The statement was recompiled after a schema change and its shape moved.
+    auto names = std::make_shared<std::vector<std::string>>();
+    for (int i = 0; i < n; ++i) {
+      const char* name = sqlite3_column_name(st, i);
+      names->emplace_back(name ? name : "");
+    }
+    stmt_->names = std::move(names);
+  }
+  std::vector<Value> values;
+  values.reserve(static_cast<std::size_t>(n));
+  for (int i = 0; i < n; ++i) {
+    switch (sqlite3_column_type(st, i)) {
+      case SQLITE_INTEGER:
+        values.emplace_back(static_cast<std::int64_t>(sqlite3_column_int64(st, i)));
+        break;
+      case SQLITE_FLOAT:
+        values.emplace_back(sqlite3_column_double(st, i));
+        break;
+      case SQLITE_TEXT: {
+        const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(st, i));
+        values.emplace_back(std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(st, i))));
+        break;
+      }
+      case SQLITE_BLOB: {
+        const auto* p = static_cast<const std::uint8_t*>(sqlite3_column_blob(st, i));
+        values.emplace_back(Blob(p, p + sqlite3_column_bytes(st, i)));
+        break;
+      }
+      default:
+        values.emplace_back();
+    }
+  }
+  return Row(stmt_->names, std::move(values));
+}
+
+Cursor& Cursor::execute(std::string_view sql, const Params& params) {
+  check_open();
+  stmt_.reset();
+  buffered_.clear();
+  next_buffered_ = 0;
+  has_pending_ = false;
+  done_ = true;
+  rowcount_ = -1;
+
+  stmt_ = conn_->acquire(sql);
+  if (!stmt_->stmt) return *this;  // empty statement: no rows
+  bind_all(stmt_->stmt, params);
+  done_ = false;
+  sqlite3* db = sqlite3_db_handle(stmt_->stmt);
+  if (stmt_->readonly) {
+    has_pending_ = step_row();
+    return *this;
+  }
+  // A write runs to completion here so that it is done (and committed, in
+  // autocommit mode) before the caller's lock is released.
+  {
+    DbMutex guard(db);
+    while (step_row()) buffered_.push_back(current_row());
+    if (stmt_->dml) rowcount_ = sqlite3_changes64(db);
+  }
+  return *this;
+}
+
+Cursor& Cursor::executemany(std::string_view sql, const std::vector<Params>& params_list) {
+  check_open();
+  stmt_.reset();
+  buffered_.clear();
+  next_buffered_ = 0;
+  has_pending_ = false;
+  done_ = true;
+  rowcount_ = -1;
+
+  stmt_ = conn_->acquire(sql);
+  if (!stmt_->stmt) return *this;
+  if (stmt_->readonly) throw Error("executemany() can only execute DML statements.", SQLITE_MISUSE);
+  sqlite3* db = sqlite3_db_handle(stmt_->stmt);
+  std::int64_t total = 0;
+  for (const auto& params : params_list) {
+    sqlite3_reset(stmt_->stmt);
+    sqlite3_clear_bindings(stmt_->stmt);
+    bind_all(stmt_->stmt, params);
+    done_ = false;
+    DbMutex guard(db);
+    while (step_row()) {
+    }
+    if (stmt_->dml) total += sqlite3_changes64(db);
+  }
+  if (stmt_->dml) rowcount_ = total;
+  return *this;
+}
+
+std::optional<Row> Cursor::fetchone() {
+  check_open();
+  if (next_buffered_ < buffered_.size()) return std::move(buffered_[next_buffered_++]);
+  if (!stmt_ || done_) return std::nullopt;
+  if (has_pending_) {
+    has_pending_ = false;
+    Row r = current_row();
+    return r;
+  }
+  if (step_row()) return current_row();
+  return std::nullopt;
+}
+
+std::vector<Row> Cursor::fetchall() {
+  std::vector<Row> rows;
+  while (auto r = fetchone()) rows.push_back(std::move(*r));
+  return rows;
+}
+
+void Cursor::close() noexcept {
+  stmt_.reset();
+  buffered_.clear();
+  next_buffered_ = 0;
+  has_pending_ = false;
+  done_ = true;
+  closed_ = true;
+}
+
+}  // namespace marsk_quorvi::storage
