@@ -136,6 +136,21 @@ TEST_F(SpaceTest, SpaceReadsModePagesFreeAndPageSize) {
   EXPECT_THROW(SpaceDb::_space(*conn), mq::Error);
 }
 
+TEST_F(SpaceTest, SpaceSeesAnotherProcessRewriteTheFile) {
+  const auto file = path("shared.db");
+  make_page_file(file, 2100, 2048, mq::_AUTO_VACUUM_NONE);
+  SpaceDb db(file);
+  db.connect();
+  ASSERT_EQ(SpaceDb::_space(*db.connection()).mode, mq::_AUTO_VACUUM_NONE);
+  // The other process's handle asks for incremental mode when it connects;
+  // its VACUUM applies it.
+  ASSERT_EQ(marsk_quorvi::testing::run_peer({"exec", file.string(), "VACUUM"}).status, 0);
+  const auto space = SpaceDb::_space(*db.connection());
+  EXPECT_EQ(space.mode, mq::_AUTO_VACUUM_INCREMENTAL);
+  EXPECT_EQ(space.free, 0);
+  EXPECT_LT(space.pages, 100);
+}
+
 // ------------------------------------------------------------------ disk check
 
 // A pretend file system: a device number and a free size per directory, and

@@ -67,6 +67,11 @@ std::int64_t size_on_disk(const std::filesystem::path& path) { return platform::
 // ------------------------------------------------------------------ measurement
 
 _Space Database::_space(Connection& connection) {
+  // SQLite answers "PRAGMA auto_vacuum" from what it cached when this
+  // connection last read the header, without reading the file; another
+  // process may have rewritten the file since. A statement that reads the
+  // header first makes the mode current.
+  pragma_int(connection, "schema_version");
   _Space space;
   space.mode = pragma_int(connection, "auto_vacuum");
   space.pages = pragma_int(connection, "page_count");

@@ -5,6 +5,8 @@
 //   peer query DB SQL         prints each row, columns joined by '|'
 //   peer exec DB SQL          runs one statement through execute
 //   peer hold DB SECONDS      keeps a connection open, prints "ready", sleeps
+//   peer snapshot DB SECONDS  holds a read transaction (and its snapshot of the
+//                             write-ahead log), prints "ready", sleeps
 #include <chrono>
 #include <cstdio>
 #include <iostream>
@@ -37,6 +39,12 @@ int main(int argc, char** argv) {
       db.fetchone("SELECT count(*) FROM sqlite_master");
       std::cout << "ready" << std::endl;
       std::this_thread::sleep_for(std::chrono::duration<double>(std::stod(argv[3])));
+    } else if (command == "snapshot" && argc >= 4) {
+      db.transaction([&](Cursor& cursor) {
+        cursor.execute("SELECT count(*) FROM sqlite_master").fetchall();
+        std::cout << "ready" << std::endl;
+        std::this_thread::sleep_for(std::chrono::duration<double>(std::stod(argv[3])));
+      });
     } else {
       std::cerr << "unknown command " << command << "\n";
       return 2;
