@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -19,6 +20,12 @@ namespace marsk_quorvi::storage {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+// The connection lock does not queue its waiters: a thread that releases it
+// and takes it again at once nearly always wins against a writer the release
+// has only just woken. The compaction steps aside this long between steps so
+// that a waiting writer gets its turn after one step, not after the last.
+constexpr auto kPauseBetweenSteps = std::chrono::milliseconds(1);
 
 double seconds_since(Clock::time_point started) {
   return std::chrono::duration<double>(Clock::now() - started).count();
@@ -181,6 +188,7 @@ std::int64_t Database::_release_free_pages() {
     // pages as fast as the steps release them.
     if (remaining >= free) break;
     released += free - remaining;
+    std::this_thread::sleep_for(kPauseBetweenSteps);
   }
   return released;
 }
