@@ -93,22 +93,6 @@ TEST_F(SpaceTest, DiskUsageCountsOnlyWhatTheProcessMayWrite) {
   EXPECT_LE(usage.free, usage.total - usage.used + 64 * MiB);
 }
 
-TEST_F(SpaceTest, OverridesNestAndRestore) {
-  const auto real_free = platform::disk_usage(dir_).total;
-  {
-    platform::ScopedOverride outer([](const fs::path&) { return platform::VolumeUsage{1, 0, 1}; }, {});
-    {
-      // An empty function keeps the one in force, here the outer override.
-      platform::ScopedOverride inner({}, [](const fs::path&) { return platform::FileStatus{7, 9}; });
-      EXPECT_EQ(platform::disk_usage(dir_).total, 1);
-      EXPECT_EQ(platform::file_status(dir_ / "nowhere").size, 7);
-    }
-    EXPECT_EQ(platform::disk_usage(dir_).total, 1);
-    EXPECT_THROW(platform::file_status(dir_ / "nowhere"), FileNotFoundError);
-  }
-  EXPECT_EQ(platform::disk_usage(dir_).total, real_free);
-}
-
 // ------------------------------------------------------------------ _space
 
 TEST_F(SpaceTest, SpaceReadsModePagesFreeAndPageSize) {
