@@ -27,7 +27,7 @@ int main(int argc, char** argv) {
     Database db(argv[2]);
     db.connect();
     if (command == "generation") {
-      std::cout << (*db.fetchone("PRAGMA user_version"))[0].as_int() << "\n";
+      std::cout << db.index_generation() << "\n";
     } else if (command == "query" && argc >= 4) {
       for (const auto& row : db.fetchall(argv[3])) {
         for (std::size_t i = 0; i < row.size(); ++i) std::cout << (i ? "|" : "") << row[i].to_text();
