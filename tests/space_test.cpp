@@ -283,6 +283,8 @@ TEST_F(SpaceTest, UnusableDirectoriesOnTheRealFileSystem) {
   // A database directory that does not exist: the free-space query fails
   // and its error reaches the caller.
   ScopedEnv tmp("SQLITE_TMPDIR", dir_.string());
+  // A bare file name's directory is the working directory.
+  EXPECT_EQ(mq::_disk_shortfall("", 0), std::nullopt);
   EXPECT_THROW(mq::_disk_shortfall(path("missing"), 0), FileNotFoundError);
 }
 

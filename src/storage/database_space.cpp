@@ -62,11 +62,6 @@ std::filesystem::path sqlite_temp_dir() {
   return system_temp_dir();
 }
 
-std::filesystem::path directory_of(const std::filesystem::path& file) {
-  auto parent = file.parent_path();
-  return parent.empty() ? std::filesystem::path(".") : parent;
-}
-
 std::int64_t size_on_disk(const std::filesystem::path& path) { return platform::file_status(path).size; }
 
 }  // namespace
@@ -99,7 +94,10 @@ bool _same_volume(const std::filesystem::path& first, const std::filesystem::pat
   }
 }
 
-std::optional<std::string> _disk_shortfall(const std::filesystem::path& db_dir, std::int64_t used_bytes) {
+std::optional<std::string> _disk_shortfall(const std::filesystem::path& db_dir_given, std::int64_t used_bytes) {
+  // The parent of a bare file name is empty: the file is in the working
+  // directory.
+  const auto db_dir = db_dir_given.empty() ? std::filesystem::path(".") : db_dir_given;
   const auto temp_dir = sqlite_temp_dir();
   const std::int64_t each = used_bytes + COMPACT_DISK_MARGIN_BYTES;
   std::vector<std::pair<std::filesystem::path, std::int64_t>> needs;
@@ -242,7 +240,7 @@ Compaction Database::_convert_to_incremental(const _Space& space) {
   if (!_readers.load()) {
     return _skip_compaction("readers", "no read connections: a query would wait for the lock the conversion holds");
   }
-  if (auto shortfall = _disk_shortfall(directory_of(db_path), used)) return _skip_compaction("disk", *shortfall);
+  if (auto shortfall = _disk_shortfall(db_path.parent_path(), used)) return _skip_compaction("disk", *shortfall);
 
   const auto started = Clock::now();
   const std::int64_t size_before = size_on_disk(db_path);
