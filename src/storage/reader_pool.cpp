@@ -18,7 +18,11 @@ ReaderPool::Lease::~Lease() {
 
 ReaderPool::Lease ReaderPool::lease() {
   std::unique_lock lk(mu_);
-  cv_.wait(lk, [&] { return closed_ || !idle_.empty() || open_ < count_; });
+  if (!(closed_ || !idle_.empty() || open_ < count_)) {
+    ++waiting_;
+    cv_.wait(lk, [&] { return closed_ || !idle_.empty() || open_ < count_; });
+    --waiting_;
+  }
   if (closed_) throw ReaderUnavailable("the read pool is closed");
   if (!idle_.empty()) {
     auto conn = std::move(idle_.back());
@@ -49,6 +53,7 @@ ReaderPool::Lease ReaderPool::lease() {
 
 void ReaderPool::give_back(std::shared_ptr<Connection> conn) noexcept {
   std::shared_ptr<Connection> doomed;
+  bool wake;
   {
     std::lock_guard lk(mu_);
     --leased_;
@@ -58,8 +63,10 @@ void ReaderPool::give_back(std::shared_ptr<Connection> conn) noexcept {
     } else {
       idle_.push_back(std::move(conn));
     }
+    wake = waiting_ > 0;
   }
-  cv_.notify_all();
+  // Most leases come back to a pool nobody waits on: skip the broadcast.
+  if (wake) cv_.notify_all();
   if (doomed) doomed->close();
 }
 
@@ -72,7 +79,9 @@ void ReaderPool::close() {
     open_ -= static_cast<int>(idle.size());
     cv_.notify_all();
     // Queries still running on leased connections finish first.
+    ++waiting_;
     cv_.wait(lk, [&] { return leased_ == 0; });
+    --waiting_;
   }
   for (auto& c : idle) c->close();
 }
