@@ -350,22 +350,28 @@ detail::StatementPtr Connection::acquire(std::string_view sql) {
       s->pos = lru_.begin();
       s->cached = true;
       index_.emplace(s->sql, s.get());
-      // Drop the least recently used statements that no cursor holds.
-      std::size_t excess = lru_.size() > options_.statement_cache ? lru_.size() - options_.statement_cache : 0;
-      for (auto it = lru_.end(); excess > 0 && it != lru_.begin();) {
-        --it;
-        detail::Statement* victim = *it;
-        if (victim->in_use) continue;
-        index_.erase(victim->sql);
-        it = lru_.erase(it);
-        victim->cached = false;
-        evicted.push_back(victim);
-        --excess;
-      }
+      evict_excess(evicted);
     }
   }
   for (auto* v : evicted) delete v;
   return detail::StatementPtr(s.release());
+}
+
+void Connection::evict_excess(std::vector<detail::Statement*>& evicted) {
+  // Drop the least recently used statements that no cursor holds. While more
+  // cursors are open than the cache holds it stays over its bound; the
+  // statements are trimmed as they come back.
+  std::size_t excess = lru_.size() > options_.statement_cache ? lru_.size() - options_.statement_cache : 0;
+  for (auto it = lru_.end(); excess > 0 && it != lru_.begin();) {
+    --it;
+    detail::Statement* victim = *it;
+    if (victim->in_use) continue;
+    index_.erase(victim->sql);
+    it = lru_.erase(it);
+    victim->cached = false;
+    evicted.push_back(victim);
+    --excess;
+  }
 }
 
 void Connection::give_back(detail::Statement* s) noexcept {
@@ -373,12 +379,21 @@ void Connection::give_back(detail::Statement* s) noexcept {
     sqlite3_reset(s->stmt);
     sqlite3_clear_bindings(s->stmt);
   }
+  std::vector<detail::Statement*> evicted;
   {
     std::lock_guard lk(mu_);
     s->in_use = false;
-    if (s->cached) return;
+    if (!s->cached) {
+      evicted.push_back(s);
+    } else if (lru_.size() > options_.statement_cache) {
+      try {
+        evict_excess(evicted);
+      } catch (...) {
+        // Out of memory for the list of victims: trim at the next return.
+      }
+    }
   }
-  delete s;
+  for (auto* v : evicted) delete v;
 }
 
 Cursor Connection::cursor() {

@@ -224,6 +224,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   Connection(sqlite3* db, std::string path, Options options);
   detail::StatementPtr acquire(std::string_view sql);
   void give_back(detail::Statement* s) noexcept;
+  // Under mu_: unlinks cached statements past the bound into `evicted`.
+  void evict_excess(std::vector<detail::Statement*>& evicted);
 
   using Lru = std::list<detail::Statement*>;
 
