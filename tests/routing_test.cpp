@@ -38,7 +38,7 @@ class Routing : public TempDirTest {
     db.connect();
     db.execute("CREATE TABLE t (id INTEGER PRIMARY KEY, v TEXT)");
     db.execute("INSERT INTO t (v) VALUES ('one')");
-    trace.emplace(*db.connection());
+    trace.emplace(db.connection());
   }
   void TearDown() override {
     trace.reset();
@@ -189,7 +189,7 @@ TEST_F(RoutingConcurrency, WithoutPoolOtherThreadsReadAfterTheTransaction) {
   shared.connect();
   ASSERT_FALSE(shared._readers.load());
   shared.execute("CREATE TABLE t (v TEXT)");
-  StatementTrace writer(*shared.connection());
+  StatementTrace writer(shared.connection());
   std::future<std::int64_t> other;
   std::atomic<bool> body_over{false};
   shared.transaction([&](mq::Cursor& c) {

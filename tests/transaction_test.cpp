@@ -50,7 +50,7 @@ class Transaction : public TempDirTest {
   void SetUp() override {
     db.connect();
     db.execute("CREATE TABLE t (v TEXT)");
-    trace.emplace(*db.connection());
+    trace.emplace(db.connection());
   }
   void TearDown() override {
     trace.reset();

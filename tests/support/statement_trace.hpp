@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -16,12 +17,12 @@ namespace marsk_quorvi::testing {
 
 class StatementTrace {
  public:
-  // The connection must outlive the trace, or be closed before it ends.
-  explicit StatementTrace(storage::Connection& connection) : connection_(connection) {
-    sqlite3_trace_v2(connection.handle(), SQLITE_TRACE_STMT, &StatementTrace::on_statement, this);
+  // Keeps the connection object alive; the connection may be closed first.
+  explicit StatementTrace(std::shared_ptr<storage::Connection> connection) : connection_(std::move(connection)) {
+    sqlite3_trace_v2(connection_->handle(), SQLITE_TRACE_STMT, &StatementTrace::on_statement, this);
   }
   ~StatementTrace() {
-    if (sqlite3* db = connection_.handle()) sqlite3_trace_v2(db, 0, nullptr, nullptr);
+    if (sqlite3* db = connection_->handle()) sqlite3_trace_v2(db, 0, nullptr, nullptr);
   }
   StatementTrace(const StatementTrace&) = delete;
   StatementTrace& operator=(const StatementTrace&) = delete;
@@ -52,7 +53,7 @@ class StatementTrace {
     return 0;
   }
 
-  storage::Connection& connection_;
+  std::shared_ptr<storage::Connection> connection_;
   mutable std::mutex mu_;
   std::vector<std::string> statements_;
 };
