@@ -94,6 +94,10 @@ TEST_F(Routing, NonReadsRunOnTheWriterOnce) {
 }
 
 TEST_F(Routing, FailuresOnTheReadPoolAreNotRetried) {
+  // A temporary table exists on the writer connection alone: a retry there
+  // would turn the pool's error into rows.
+  db.execute("CREATE TEMP TABLE only_on_writer (v)");
+  db.execute("INSERT INTO only_on_writer (v) VALUES (1)");
   const struct {
     const char* sql;
     mq::Params params;
@@ -101,6 +105,7 @@ TEST_F(Routing, FailuresOnTheReadPoolAreNotRetried) {
     const char* message;
   } cases[] = {
       {"SELECT * FROM nope", {}, true, "no such table: nope"},
+      {"SELECT v FROM only_on_writer", {}, true, "no such table: only_on_writer"},
       {"SELECT missing FROM t", {}, true, "no such column: missing"},
       {"SELECT FROM t", {}, true, "near \"FROM\": syntax error"},
       {"SELECT ?", {}, false, "Incorrect number of bindings supplied. The current statement uses 1, and there are 0 supplied."},
