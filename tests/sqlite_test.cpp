@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <fstream>
 #include <limits>
 #include <thread>
 
@@ -252,6 +253,17 @@ TEST_F(SqliteAccess, OpenAndReadOnlyFailuresAreOperational) {
     ADD_FAILURE() << "a read-only connection wrote";
   } catch (const mq::OperationalError& e) {
     EXPECT_STREQ(e.what(), "attempt to write a readonly database");
+  }
+}
+
+TEST_F(SqliteAccess, FileThatIsNotADatabaseFailsAsOperational) {
+  std::ofstream(path("garbage.db"), std::ios::binary) << std::string(4096, 'x');
+  auto garbage = mq::Connection::open(path("garbage.db").string());  // SQLite reads nothing yet
+  try {
+    garbage->execute("SELECT count(*) FROM sqlite_master");
+    ADD_FAILURE() << "read a file that is not a database";
+  } catch (const mq::OperationalError& e) {
+    EXPECT_STREQ(e.what(), "file is not a database");
   }
 }
 

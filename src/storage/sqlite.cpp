@@ -322,7 +322,10 @@ detail::StatementPtr Connection::acquire(std::string_view sql) {
                             &s->stmt, &tail);
     if (rc != SQLITE_OK) message = sqlite3_errmsg(db);
   }
-  if (rc != SQLITE_OK) raise_error(rc, message);
+  // Whatever the code, a statement that cannot be prepared is a failure of
+  // the database's operation (missing table, syntax, a file that is not a
+  // database), not of the statement's data.
+  if (rc != SQLITE_OK) throw OperationalError(message, rc);
   if (tail && !skip_ignorable(std::string_view(tail, s->sql.data() + s->sql.size() - tail)).empty()) {
     throw Error("You can only execute one statement at a time.", SQLITE_MISUSE);
   }
