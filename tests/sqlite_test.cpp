@@ -193,9 +193,19 @@ TEST_F(SqliteAccess, ClosedCursorAndClosedConnectionRefuseWork) {
   c.close();  // harmless twice
   EXPECT_TRUE(c.closed());
   EXPECT_THROW(c.fetchone(), mq::Error);
+  // A cursor still reading when its connection closes is refused, not stepped.
+  conn->executemany("INSERT INTO t (v) VALUES (?)", {{1}, {2}});
+  auto reading = conn->execute("SELECT v FROM t");
+  ASSERT_TRUE(reading.fetchone());
   conn->close();
   conn->close();
   EXPECT_TRUE(conn->closed());
+  try {
+    reading.fetchone();
+    ADD_FAILURE() << "read on after the connection closed";
+  } catch (const mq::Error& e) {
+    EXPECT_STREQ(e.what(), "Cannot operate on a closed database.");
+  }
   EXPECT_EQ(conn->handle(), nullptr);
   EXPECT_THROW(conn->execute("SELECT 1"), mq::Error);
 }

@@ -436,6 +436,9 @@ void Connection::executescript(const std::string& sql) {
 
 void Cursor::check_open() const {
   if (closed_) throw Error("Cannot operate on a closed cursor.", SQLITE_MISUSE);
+  // A statement left behind by a closed connection belongs to SQLite's zombie
+  // handle, which only finalising may touch.
+  if (conn_ && conn_->closed()) throw Error("Cannot operate on a closed database.", SQLITE_MISUSE);
 }
 
 bool Cursor::step_row() {

@@ -190,7 +190,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     // connection in turn (and read a cursor after the caller's lock is gone).
     bool serialized = true;
     int busy_timeout_ms = 5000;
-    // Prepared statements kept per connection, least recently used dropped.
+    // Prepared statements kept per connection, least recently used dropped
+    // first. A statement a cursor is using is never handed to another.
     std::size_t statement_cache = 64;
   };
 
