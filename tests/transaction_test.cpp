@@ -221,14 +221,6 @@ TEST_F(Transaction, FailedBeginRollsBackAndResets) {
   EXPECT_EQ(stored(), (std::vector<std::string>{"after"}));
 }
 
-TEST_F(Transaction, ExecuteOutsideATransactionCommitsEachStatement) {
-  db.execute("INSERT INTO t (v) VALUES ('a')");
-  db.executemany("INSERT INTO t (v) VALUES (?)", {{"b"}, {"c"}});
-  EXPECT_TRUE(transaction_control(*trace).empty());
-  // The read pool sees only what is committed.
-  EXPECT_EQ(stored(), (std::vector<std::string>{"a", "b", "c"}));
-}
-
 // ------------------------------------------------------------------ other threads
 
 class TransactionConcurrency : public Transaction {};
