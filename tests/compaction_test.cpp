@@ -31,7 +31,7 @@ using marsk_quorvi::testing::pragma;
 using marsk_quorvi::testing::run_peer;
 using marsk_quorvi::testing::ScopedEnv;
 using marsk_quorvi::testing::SpaceDb;
-using marsk_quorvi::testing::StatementTrace;
+using marsk_quorvi::testing::PageTrace;
 using spdlog::level::level_enum;
 
 namespace {
@@ -100,7 +100,7 @@ TEST_F(CompactionTest, ReleasesInBoundedStepsAndShrinksTheFile) {
   make_page_file(file, 20000, 5000, mq::_AUTO_VACUUM_INCREMENTAL);
   const std::int64_t size_before = size_on_disk(file);
   auto db = open(file);
-  StatementTrace trace(db->connection());
+  PageTrace trace(db->connection());
   LogCapture log;
 
   EXPECT_EQ(db->compact(), (mq::Compaction{false, 5000, std::nullopt}));
@@ -140,7 +140,7 @@ TEST_F(CompactionTest, FullAutoVacuumFileHasNothingToRelease) {
   make_page_file(file, 4101, 2048, mq::_AUTO_VACUUM_INCREMENTAL);
   auto db = open(file);
   ASSERT_EQ(run_peer({"exec", file.string(), "PRAGMA auto_vacuum=FULL"}).status, 0);
-  StatementTrace trace(db->connection());
+  PageTrace trace(db->connection());
   LogCapture log;
   EXPECT_EQ(db->compact(), mq::Compaction{});
   trace.stop();
@@ -327,7 +327,7 @@ TEST_F(CompactionTest, ConvertsOnceThenReleasesInSteps) {
   // From now on the file gives its pages back in steps, without a rewrite.
   db->execute("DELETE FROM bulk");
   const auto freed = pragma(*db, "freelist_count");
-  StatementTrace trace(db->connection());
+  PageTrace trace(db->connection());
   EXPECT_EQ(db->compact(), (mq::Compaction{false, freed, std::nullopt}));
   trace.stop();
   EXPECT_EQ(trace.count("VACUUM"), 0);
@@ -401,7 +401,7 @@ TEST_F(CompactionTest, FailedRewriteIsNotRetried) {
   EXPECT_EQ(db->compact(), (mq::Compaction{false, 0, "failed: " + error}));
   EXPECT_TRUE(db->_conversion_failed.load());
   const std::string again = "an earlier conversion failed or changed nothing: not retried";
-  StatementTrace trace(db->connection());
+  PageTrace trace(db->connection());
   for (int i = 0; i < 2; ++i) EXPECT_EQ(db->compact(), (mq::Compaction{false, 0, again}));
   trace.stop();
   EXPECT_EQ(trace.count("VACUUM"), 0);
@@ -428,7 +428,7 @@ TEST_F(CompactionTest, ReadersNeverWaitForAStep) {
   std::atomic<bool> lock_held{false};
   std::atomic<bool> reader_done{false};
   std::future<void> writer;
-  StatementTrace trace(db->connection(), [&](const std::string& sql) {
+  PageTrace trace(db->connection(), [&](const std::string& sql) {
     if (sql != kStep || steps++ != 0) return;
     // In the middle of the first step, on the compacting thread.
     lock_held = !lock_is_free(*db);
@@ -453,7 +453,7 @@ TEST_F(CompactionTest, CloseBetweenStepsEndsTheLoopQuietly) {
   make_page_file(file, 12000, 5000, mq::_AUTO_VACUUM_INCREMENTAL);
   auto db = open(file);
   std::future<void> closer;
-  StatementTrace trace(db->connection(), [&](const std::string& sql) {
+  PageTrace trace(db->connection(), [&](const std::string& sql) {
     // Another thread closes the handle while the first step runs; it gets
     // the lock when a step ends.
     if (sql == kStep && !closer.valid()) closer = std::async(std::launch::async, [&] { db->close(); });

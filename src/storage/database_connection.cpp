@@ -23,15 +23,17 @@ std::string_view strip(std::string_view s) {
   return s;
 }
 
+char ascii_upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
+
 std::string upper(std::string_view s) {
   std::string out(s);
-  for (auto& c : out) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  for (auto& c : out) c = ascii_upper(c);
   return out;
 }
 
 std::string lower(std::string_view s) {
   std::string out(s);
-  for (auto& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  for (auto& c : out) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
   return out;
 }
 
@@ -69,7 +71,7 @@ bool _is_read_statement(std::string_view sql) {
   // Only the head is upper-cased: this decides the route of most queries.
   char head[8];
   const std::size_t n = std::min<std::size_t>(rest.size(), sizeof head);
-  for (std::size_t i = 0; i < n; ++i) head[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(rest[i])));
+  for (std::size_t i = 0; i < n; ++i) head[i] = ascii_upper(rest[i]);
   const std::string_view h(head, n);
   if (h.starts_with("SELECT") || h.starts_with("WITH")) return true;
 
@@ -196,16 +198,34 @@ std::shared_ptr<Connection> Database::connection() const {
 void Database::_transaction(const std::function<void(Cursor&)>& body) {
   std::lock_guard lock(_lock);
   if (_tx_depth > 0) {
+    // A nested scope joins the transaction this thread already has open: no
+    // BEGIN of its own (SQLite refuses one inside a transaction), and its
+    // failure is left to the outermost scope.
     ++_tx_depth;
-    struct Depth {
-      int& d;
-      ~Depth() { --d; }
-    } depth{_tx_depth};
-    Cursor cursor = connection()->cursor();
-    body(cursor);
+    struct InnerExit {
+      int& depth;
+      std::optional<Cursor> cursor;
+      ~InnerExit() {
+        --depth;
+        if (cursor) cursor->close();
+      }
+    } inner{_tx_depth, std::nullopt};
+    inner.cursor.emplace(connection()->cursor());
+    body(*inner.cursor);
     return;
   }
+  // Opened before any state changes: without a writer connection this raises
+  // and leaves the handle as it was.
   Cursor cursor = connection()->cursor();
+  struct OuterExit {
+    Database& db;
+    Cursor& cursor;
+    ~OuterExit() {
+      db._tx_depth = 0;
+      db._tx_owner.store(std::thread::id());
+      cursor.close();
+    }
+  } outer{*this, cursor};
   _tx_depth = 1;
   _tx_owner.store(std::this_thread::get_id());
   try {
@@ -218,12 +238,8 @@ void Database::_transaction(const std::function<void(Cursor&)>& body) {
     } catch (const Error&) {
       // The failure that led here is the one to report.
     }
-    _tx_depth = 0;
-    _tx_owner.store(std::thread::id());
     throw;
   }
-  _tx_depth = 0;
-  _tx_owner.store(std::thread::id());
 }
 
 Cursor Database::execute(std::string_view sql, const Params& params) {

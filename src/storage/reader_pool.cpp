@@ -18,7 +18,11 @@ ReaderPool::Lease::~Lease() {
 
 ReaderPool::Lease ReaderPool::lease() {
   std::unique_lock lk(mu_);
-  cv_.wait(lk, [&] { return closed_ || !idle_.empty() || open_ < count_; });
+  if (!(closed_ || !idle_.empty() || open_ < count_)) {
+    ++waiting_;
+    cv_.wait(lk, [&] { return closed_ || !idle_.empty() || open_ < count_; });
+    --waiting_;
+  }
   if (closed_) throw ReaderUnavailable("the read pool is closed");
   if (!idle_.empty()) {
     auto conn = std::move(idle_.back());
@@ -53,19 +57,19 @@ void ReaderPool::give_back(std::shared_ptr<Connection> conn) noexcept {
     if (!closed_) {
       --leased_;
       idle_.push_back(std::move(conn));
-      cv_.notify_all();
-      return;
+      // Most leases come back to a pool nobody waits on: skip the broadcast.
+      if (waiting_ == 0) return;
     }
   }
-  // The pool closed meanwhile. The connection is closed before it counts as
-  // returned, so that close() comes back only when none of this pool's
-  // connections has the file open any more (a page rewrite relies on it).
-  try {
-    conn->close();
-  } catch (...) {
-    // Nothing is left to do with a connection that fails to close.
-  }
-  {
+  if (conn) {
+    // The pool closed meanwhile. The connection is closed before it counts
+    // as returned, so that close() comes back only when none of this pool's
+    // connections has the file open any more (a page rewrite relies on it).
+    try {
+      conn->close();
+    } catch (...) {
+      // Nothing is left to do with a connection that fails to close.
+    }
     std::lock_guard lk(mu_);
     --leased_;
     --open_;
@@ -82,7 +86,9 @@ void ReaderPool::close() {
     open_ -= static_cast<int>(idle.size());
     cv_.notify_all();
     // Queries still running on leased connections finish first.
+    ++waiting_;
     cv_.wait(lk, [&] { return leased_ == 0; });
+    --waiting_;
   }
   for (auto& c : idle) c->close();
 }

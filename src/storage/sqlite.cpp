@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <cctype>
+#include <list>
 #include <charconv>
 #include <cstring>
 
@@ -19,6 +20,11 @@ struct Statement {
   std::shared_ptr<const std::vector<std::string>> names;
   bool readonly = true;  // sqlite3_stmt_readonly
   bool dml = false;      // INSERT/UPDATE/DELETE/REPLACE: rowcount applies
+  // Under the owner's mutex: whether the cache holds this statement (and
+  // `pos` is its place in the LRU list), and whether a cursor has it now.
+  bool cached = false;
+  bool in_use = false;
+  std::list<Statement*>::iterator pos;
 
   ~Statement() {
     if (stmt) sqlite3_finalize(stmt);
@@ -56,10 +62,12 @@ bool is_operational(int rc) {
   }
 }
 
-std::string_view skip_space_and_comments(std::string_view s) {
+// Skips white space and comments, and with `semicolons` also empty
+// statements, which SQLite would prepare to nothing.
+std::string_view skip_space_and_comments(std::string_view s, bool semicolons = false) {
   for (;;) {
     std::size_t i = 0;
-    while (i < s.size() && std::isspace(static_cast<unsigned char>(s[i]))) ++i;
+    while (i < s.size() && (std::isspace(static_cast<unsigned char>(s[i])) || (semicolons && s[i] == ';'))) ++i;
     s.remove_prefix(i);
     if (s.starts_with("--")) {
       auto nl = s.find('\n');
@@ -72,6 +80,8 @@ std::string_view skip_space_and_comments(std::string_view s) {
     }
   }
 }
+
+std::string_view skip_ignorable(std::string_view s) { return skip_space_and_comments(s, true); }
 
 bool starts_with_keyword(std::string_view s, std::string_view kw) {
   if (s.size() < kw.size()) return false;
@@ -264,12 +274,16 @@ Connection::~Connection() { close(); }
 
 void Connection::close() {
   sqlite3* db;
-  Lru doomed;
+  std::vector<detail::Statement*> doomed;
   {
     std::lock_guard lk(mu_);
-    db = db_;
-    db_ = nullptr;
-    doomed.swap(lru_);
+    db = db_.exchange(nullptr);
+    for (auto* s : lru_) {
+      s->cached = false;
+      // A statement in use is finalised when its cursor gives it back.
+      if (!s->in_use) doomed.push_back(s);
+    }
+    lru_.clear();
     index_.clear();
   }
   for (auto* s : doomed) delete s;
@@ -278,32 +292,27 @@ void Connection::close() {
   if (db) sqlite3_close_v2(db);
 }
 
-bool Connection::closed() const noexcept {
-  std::lock_guard lk(mu_);
-  return db_ == nullptr;
-}
+bool Connection::closed() const noexcept { return db_.load() == nullptr; }
 
-sqlite3* Connection::handle() const noexcept {
-  std::lock_guard lk(mu_);
-  return db_;
-}
+sqlite3* Connection::handle() const noexcept { return db_.load(); }
 
 detail::StatementPtr Connection::acquire(std::string_view sql) {
   sqlite3* db;
   {
     std::lock_guard lk(mu_);
-    db = db_;
+    db = db_.load();
     if (!db) throw Error("Cannot operate on a closed database.", SQLITE_MISUSE);
-    if (auto it = index_.find(sql); it != index_.end()) {
-      detail::Statement* s = *it->second;
-      lru_.erase(it->second);
-      index_.erase(it);
+    if (auto it = index_.find(sql); it != index_.end() && !it->second->in_use) {
+      detail::Statement* s = it->second;
+      s->in_use = true;
+      lru_.splice(lru_.begin(), lru_, s->pos);
       return detail::StatementPtr(s);
     }
   }
   auto s = std::make_unique<detail::Statement>();
   s->owner = this;
   s->sql = std::string(sql);
+  s->in_use = true;
   const char* tail = nullptr;
   int rc;
   std::string message;
@@ -313,8 +322,11 @@ detail::StatementPtr Connection::acquire(std::string_view sql) {
                             &s->stmt, &tail);
     if (rc != SQLITE_OK) message = sqlite3_errmsg(db);
   }
-  if (rc != SQLITE_OK) raise_error(rc, message);
-  if (tail && !skip_space_and_comments(std::string_view(tail, s->sql.data() + s->sql.size() - tail)).empty()) {
+  // Whatever the code, a statement that cannot be prepared is a failure of
+  // the database's operation (missing table, syntax, a file that is not a
+  // database), not of the statement's data.
+  if (rc != SQLITE_OK) throw OperationalError(message, rc);
+  if (tail && !skip_ignorable(std::string_view(tail, s->sql.data() + s->sql.size() - tail)).empty()) {
     throw Error("You can only execute one statement at a time.", SQLITE_MISUSE);
   }
   if (s->stmt) {
@@ -331,7 +343,38 @@ detail::StatementPtr Connection::acquire(std::string_view sql) {
   } else {
     s->names = std::make_shared<std::vector<std::string>>();
   }
+  std::vector<detail::Statement*> evicted;
+  {
+    std::lock_guard lk(mu_);
+    // Another cursor of the same SQL may be running (or raced us here): this
+    // copy then lives only as long as its cursor.
+    if (db_.load() != nullptr && options_.statement_cache > 0 && !index_.contains(s->sql)) {
+      lru_.push_front(s.get());
+      s->pos = lru_.begin();
+      s->cached = true;
+      index_.emplace(s->sql, s.get());
+      evict_excess(evicted);
+    }
+  }
+  for (auto* v : evicted) delete v;
   return detail::StatementPtr(s.release());
+}
+
+void Connection::evict_excess(std::vector<detail::Statement*>& evicted) {
+  // Drop the least recently used statements that no cursor holds. While more
+  // cursors are open than the cache holds it stays over its bound; the
+  // statements are trimmed as they come back.
+  std::size_t excess = lru_.size() > options_.statement_cache ? lru_.size() - options_.statement_cache : 0;
+  for (auto it = lru_.end(); excess > 0 && it != lru_.begin();) {
+    --it;
+    detail::Statement* victim = *it;
+    if (victim->in_use) continue;
+    index_.erase(victim->sql);
+    it = lru_.erase(it);
+    victim->cached = false;
+    evicted.push_back(victim);
+    --excess;
+  }
 }
 
 void Connection::give_back(detail::Statement* s) noexcept {
@@ -339,22 +382,21 @@ void Connection::give_back(detail::Statement* s) noexcept {
     sqlite3_reset(s->stmt);
     sqlite3_clear_bindings(s->stmt);
   }
-  detail::Statement* evicted = nullptr;
+  std::vector<detail::Statement*> evicted;
   {
     std::lock_guard lk(mu_);
-    if (db_ == nullptr || options_.statement_cache == 0 || index_.contains(s->sql)) {
-      evicted = s;
-    } else {
-      lru_.push_front(s);
-      index_.emplace(s->sql, lru_.begin());
-      if (lru_.size() > options_.statement_cache) {
-        evicted = lru_.back();
-        index_.erase(evicted->sql);
-        lru_.pop_back();
+    s->in_use = false;
+    if (!s->cached) {
+      evicted.push_back(s);
+    } else if (lru_.size() > options_.statement_cache) {
+      try {
+        evict_excess(evicted);
+      } catch (...) {
+        // Out of memory for the list of victims: trim at the next return.
       }
     }
   }
-  delete evicted;
+  for (auto* v : evicted) delete v;
 }
 
 Cursor Connection::cursor() {
@@ -394,6 +436,9 @@ void Connection::executescript(const std::string& sql) {
 
 void Cursor::check_open() const {
   if (closed_) throw Error("Cannot operate on a closed cursor.", SQLITE_MISUSE);
+  // A statement left behind by a closed connection belongs to SQLite's zombie
+  // handle, which only finalising may touch.
+  if (conn_ && conn_->closed()) throw Error("Cannot operate on a closed database.", SQLITE_MISUSE);
 }
 
 bool Cursor::step_row() {

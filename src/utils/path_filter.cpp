@@ -92,7 +92,8 @@ std::string_view text_arg(sqlite3_value* v) {
 }
 
 void result_text(sqlite3_context* ctx, std::string_view s) {
-  sqlite3_result_text64(ctx, s.data(), s.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
+  // SQLite takes a null pointer for NULL; an empty view may carry one.
+  sqlite3_result_text64(ctx, s.empty() ? "" : s.data(), s.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
 }
 
 bool any_null(int argc, sqlite3_value** argv) {

@@ -68,16 +68,16 @@ inline void patch_u32(const std::filesystem::path& path, std::int64_t offset, st
 // Records, in order, the statements a connection starts ("SQL") and the value
 // of every "PRAGMA freelist_count" it reads ("free N"). `on_statement` runs on
 // the thread executing the statement, inside whatever lock that thread holds.
-class StatementTrace {
+class PageTrace {
  public:
-  explicit StatementTrace(std::shared_ptr<marsk_quorvi::storage::Connection> connection,
+  explicit PageTrace(std::shared_ptr<marsk_quorvi::storage::Connection> connection,
                           std::function<void(const std::string&)> on_statement = {})
       : connection_(std::move(connection)), on_statement_(std::move(on_statement)) {
-    sqlite3_trace_v2(connection_->handle(), SQLITE_TRACE_STMT | SQLITE_TRACE_ROW, &StatementTrace::callback, this);
+    sqlite3_trace_v2(connection_->handle(), SQLITE_TRACE_STMT | SQLITE_TRACE_ROW, &PageTrace::callback, this);
   }
-  ~StatementTrace() { stop(); }
-  StatementTrace(const StatementTrace&) = delete;
-  StatementTrace& operator=(const StatementTrace&) = delete;
+  ~PageTrace() { stop(); }
+  PageTrace(const PageTrace&) = delete;
+  PageTrace& operator=(const PageTrace&) = delete;
 
   // Harmless once the connection is closed: nothing is traced any more.
   void stop() {
@@ -112,7 +112,7 @@ class StatementTrace {
 
  private:
   static int callback(unsigned type, void* ctx, void* p, void* x) {
-    auto* self = static_cast<StatementTrace*>(ctx);
+    auto* self = static_cast<PageTrace*>(ctx);
     if (type == SQLITE_TRACE_STMT) {
       const std::string sql = static_cast<const char*>(x);
       if (sql.rfind("--", 0) == 0) return 0;  // trigger bodies

@@ -7,6 +7,8 @@
 //   peer hold DB SECONDS      keeps a connection open, prints "ready", sleeps
 //   peer snapshot DB SECONDS  holds a read transaction (and its snapshot of the
 //                             write-ahead log), prints "ready", sleeps
+//   peer lock DB SECONDS      holds the file's write lock (BEGIN IMMEDIATE),
+//                             prints "ready", sleeps, then commits
 #include <chrono>
 #include <cstdio>
 #include <iostream>
@@ -24,6 +26,14 @@ int main(int argc, char** argv) {
   }
   const std::string command = argv[1];
   try {
+    if (command == "lock" && argc >= 4) {
+      auto conn = Connection::open(argv[2]);
+      conn->execute("BEGIN IMMEDIATE");
+      std::cout << "ready" << std::endl;
+      std::this_thread::sleep_for(std::chrono::duration<double>(std::stod(argv[3])));
+      conn->execute("COMMIT");
+      return 0;
+    }
     Database db(argv[2]);
     db.connect();
     if (command == "generation") {

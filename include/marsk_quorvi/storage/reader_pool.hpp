@@ -80,6 +80,7 @@ class ReaderPool {
   std::vector<std::shared_ptr<Connection>> idle_;  // guarded by mu_
   int open_ = 0;                                   // guarded by mu_
   int leased_ = 0;                                 // guarded by mu_
+  int waiting_ = 0;  // threads blocked in lease() or close(); guarded by mu_
   bool closed_ = false;                            // guarded by mu_
 };
 

@@ -7,6 +7,7 @@
 // a `Row` are plain values owned by their user.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -189,7 +190,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     // connection in turn (and read a cursor after the caller's lock is gone).
     bool serialized = true;
     int busy_timeout_ms = 5000;
-    // Prepared statements kept per connection, least recently used dropped.
+    // Prepared statements kept per connection, least recently used dropped
+    // first. A statement a cursor is using is never handed to another.
     std::size_t statement_cache = 64;
   };
 
@@ -223,19 +225,23 @@ class Connection : public std::enable_shared_from_this<Connection> {
   Connection(sqlite3* db, std::string path, Options options);
   detail::StatementPtr acquire(std::string_view sql);
   void give_back(detail::Statement* s) noexcept;
+  // Under mu_: unlinks cached statements past the bound into `evicted`.
+  void evict_excess(std::vector<detail::Statement*>& evicted);
 
-  struct TransparentHash {
-    using is_transparent = void;
-    std::size_t operator()(std::string_view s) const noexcept { return std::hash<std::string_view>{}(s); }
-  };
   using Lru = std::list<detail::Statement*>;
 
-  mutable std::mutex mu_;  // guards db_, lru_, index_
-  sqlite3* db_;
+  mutable std::mutex mu_;  // guards lru_, index_ and each cached statement's in_use/cached flags
+  // Changed only under mu_; read without it by closed() and handle(), which
+  // every cursor asks.
+  std::atomic<sqlite3*> db_;
   const std::string path_;
   const Options options_;
-  Lru lru_;  // most recently returned first
-  std::unordered_map<std::string, Lru::iterator, TransparentHash, std::equal_to<>> index_;
+  // Every cached statement, most recently handed out first. A statement stays
+  // in the cache while a cursor uses it (marked in use), so that a repeated
+  // query costs a lookup and no allocation.
+  Lru lru_;
+  // Keys are views of each statement's own SQL text.
+  std::unordered_map<std::string_view, detail::Statement*> index_;
 };
 
 // Raises the Error or OperationalError for result code `rc` with SQLite's
