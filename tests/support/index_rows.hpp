@@ -4,10 +4,16 @@
 
 #include <cstdint>
 #include <map>
+#include <ostream>
 #include <string>
 #include <vector>
 
 #include "marsk_quorvi/storage/database.hpp"
+
+namespace marsk_quorvi::storage {
+// Readable failure messages for count maps.
+inline void PrintTo(const RowCounts& counts, std::ostream* os) { *os << counts.to_string(); }
+}  // namespace marsk_quorvi::storage
 
 namespace marsk_quorvi::testing {
 
@@ -69,19 +75,20 @@ struct Seed {
 inline void seed_index(st::Database& db, const Seed& s) {
   db.transaction([&](st::Cursor& c) {
     c.execute("INSERT INTO components (id, name) VALUES (1, ?)", {"core-" + s.tag});
+    if (s.files <= 0) return;
     c.execute(
         "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < ?) "
         "INSERT INTO files (id, path, language, content_hash, size, mtime) "
         "SELECT i, ? || '/f' || i || '.py', 'py', 'h', i, 0 FROM n",
         {s.files, "src-" + s.tag});
-    if (s.files > 0) {
+    if (s.symbols > 0) {
       c.execute(
           "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < ?) "
           "INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line) "
           "SELECT i, 1 + (i % ?), ? || i, 'm.s' || i, 'function', i, i + 1 FROM n",
           {s.symbols, s.files, "s" + s.tag});
     }
-    if (s.symbols > 1) {
+    if (s.symbols > 1 && s.edges > 0) {
       c.execute(
           "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < ?) "
           "INSERT INTO edges (source_id, target_id, kind) SELECT 1 + (i % ?), 1 + ((i + 1) % ?), 'calls' FROM n",
