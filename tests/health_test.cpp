@@ -83,16 +83,23 @@ TEST_F(Health, ListedConditionSelectsEverySymbolButTheAnchors) {
                    listed[i].second);
   }
 
+  // A module declared inside a file hangs under its anchor and is listed.
+  db->execute(
+      "INSERT INTO symbols (id, file_id, name, fqn, kind, parent_id) VALUES (20, 2, 'inner', 'pkg.b.inner', 'module', 2)");
+
   std::vector<std::string> names;
   for (const auto& r : db->fetchall("SELECT name FROM symbols WHERE " + marsk_quorvi::models::listed_sql() + " ORDER BY id")) {
     names.push_back(r[0].as_text());
   }
-  EXPECT_EQ(names, (std::vector<std::string>{"run", "Widget", "draw", "LIMIT"}));
-  EXPECT_EQ(db->get_stats().at("symbols"), 4);
-  // The condition is an expression on its own: it still works after AND.
+  EXPECT_EQ(names, (std::vector<std::string>{"run", "Widget", "draw", "LIMIT", "inner"}));
+  EXPECT_EQ(db->get_stats().at("symbols"), 5);
+  // The condition is one expression: it keeps its meaning after AND and OR.
   EXPECT_EQ((*db->fetchone("SELECT COUNT(*) FROM symbols WHERE file_id = 1 AND " + marsk_quorvi::models::listed_sql()))[0]
                 .as_int(),
             2);
+  EXPECT_EQ((*db->fetchone("SELECT COUNT(*) FROM symbols WHERE id = 1 OR " + marsk_quorvi::models::listed_sql()))[0]
+                .as_int(),
+            6);
 }
 
 struct ClearCase {

@@ -89,7 +89,8 @@ TEST_F(IndexSwap, SwapReplacesTheIndexTablesAndNothingElse) {
   mt::seed_index(*db, {.files = 30, .symbols = 90, .edges = 40, .chunk_bytes = 32, .tag = "old"});
   db->execute("PRAGMA user_version = 5");
   db->execute("INSERT INTO schema_info (key, value) VALUES ('last_index', 'yesterday')");
-  db->execute("INSERT INTO pending_references (file_id, name) VALUES (1, 'later')");
+  db->execute(
+      "INSERT INTO pending_references (source_path, source_fqn, target_name, kind) VALUES ('a.py', 'a.f', 'g', 'calls')");
   db->execute("CREATE TABLE memories (id INTEGER PRIMARY KEY, body TEXT)");
   db->execute("INSERT INTO memories (body) VALUES ('keep me')");
   const auto staging = make_staging("staging.db", {.files = 20, .symbols = 50, .edges = 30, .chunk_bytes = 32, .tag = "new"},
@@ -182,6 +183,10 @@ TEST_F(IndexSwap, CodeChunksFollowWhatEachFileHas) {
     }
     EXPECT_EQ(mt::count_rows(*db, "files"), 9);
     EXPECT_EQ(db->index_generation(), 1);
+    // The file trigger works on the re-created table: a deleted file takes
+    // its chunks with it, and deleting is possible at all.
+    db->execute("DELETE FROM files WHERE id = 4");
+    if (c.live_has) EXPECT_EQ(mt::count_rows(*db, "code_chunks"), copied ? 8 : 0);
   }
 }
 
@@ -190,7 +195,7 @@ TEST_F(IndexSwap, EmptyStagingEmptiesTheIndexAndExtraStagingColumnsAreIgnored) {
   const auto live_columns = db->fetchall("SELECT name FROM pragma_table_info('symbols')").size();
   const auto staging = make_staging("empty.db", {}, [](mq::Database& s) {
     s.execute("DELETE FROM components");
-    s.execute("ALTER TABLE symbols ADD COLUMN docstring TEXT");
+    s.execute("ALTER TABLE symbols ADD COLUMN staging_note TEXT");
   });
 
   const auto counts = db->swap_index_from(staging);
@@ -204,8 +209,8 @@ TEST_F(IndexSwap, EmptyStagingEmptiesTheIndexAndExtraStagingColumnsAreIgnored) {
 
   // Extra columns with data in them are not copied either.
   const auto wide = make_staging("wide.db", {.files = 3, .symbols = 6}, [](mq::Database& s) {
-    s.execute("ALTER TABLE symbols ADD COLUMN docstring TEXT");
-    s.execute("UPDATE symbols SET docstring = 'doc'");
+    s.execute("ALTER TABLE symbols ADD COLUMN staging_note TEXT");
+    s.execute("UPDATE symbols SET staging_note = 'note'");
   });
   EXPECT_EQ(db->swap_index_from(wide).at("symbols"), 6);
   EXPECT_EQ(mt::count_rows(*db, "symbols"), 6);
