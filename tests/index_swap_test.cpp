@@ -505,7 +505,7 @@ TEST_F(IndexSwap, ReadersAndOtherProcessesSeeTheOldIndexOrTheNewNeverAMix) {
   EXPECT_EQ(mt::run_peer({"query", db->db_path.string(), figures}).output, new_figures + "\n");
 }
 
-TEST_F(IndexSwap, DISABLED_FreedPagesAreGivenBackAfterTheSwapExceptOnTheEventLoop) {
+TEST_F(IndexSwap, FreedPagesAreGivenBackAfterTheSwapExceptOnTheEventLoop) {
   auto freelist = [&] { return (*db->connection()->execute("PRAGMA freelist_count").fetchone())[0].as_int(); };
   auto pages = [&] { return (*db->connection()->execute("PRAGMA page_count").fetchone())[0].as_int(); };
   const auto small = make_staging("small.db", {.files = 10, .symbols = 10, .chunk_bytes = 16});

@@ -17,6 +17,5 @@ __attribute__((weak)) void Database::_bump_index_generation(Cursor* cursor) {
   const std::string sql = "PRAGMA user_version = " + std::to_string(index_generation() + 1);
   if (cursor) cursor->execute(sql); else execute(sql);
 }
-__attribute__((weak)) Compaction Database::compact() { return Compaction{}; }
 
 }  // namespace marsk_quorvi::storage
