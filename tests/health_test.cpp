@@ -135,12 +135,9 @@ TEST_F(Health, ClearFileErrorsRemovesOnlyTheNamedRows) {
   }
 }
 
-TEST_F(Health, IntegrityCheckPassesAHealthyFile) {
+TEST_F(Health, IntegrityCheckPassesAHealthyFileAndFailsADamagedOne) {
   mt::seed_index(*db, {.files = 50, .symbols = 200, .edges = 100, .chunk_bytes = 64});
   EXPECT_TRUE(db->check_integrity());
-}
-
-TEST_F(Health, IntegrityCheckFailsAFileWhoseIndexDisagreesWithItsTable) {
   db->close();
   // An index whose recorded definition no longer matches what is stored in
   // it: every row is then missing from it, which the check reports.
