@@ -9,6 +9,10 @@
 //                             write-ahead log), prints "ready", sleeps
 //   peer lock DB SECONDS      holds the file's write lock (BEGIN IMMEDIATE),
 //                             prints "ready", sleeps, then commits
+//   peer watch DB SQL UNTIL   runs the query over and over, printing each
+//                             result that differs from the one before (columns
+//                             joined by '|'), until the result is UNTIL; gives
+//                             up with status 3 after 120 seconds
 #include <chrono>
 #include <cstdio>
 #include <iostream>
@@ -55,6 +59,23 @@ int main(int argc, char** argv) {
         std::cout << "ready" << std::endl;
         std::this_thread::sleep_for(std::chrono::duration<double>(std::stod(argv[3])));
       });
+    } else if (command == "watch" && argc >= 5) {
+      const std::string until = argv[4];
+      auto result = [&] {
+        auto row = db.fetchone(argv[3]);
+        std::string line;
+        for (std::size_t i = 0; row && i < row->size(); ++i) line += (i ? "|" : "") + (*row)[i].to_text();
+        return line;
+      };
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+      std::string last;
+      for (bool first = true;; first = false) {
+        const std::string now = result();
+        if (first || now != last) std::cout << now << std::endl;
+        last = now;
+        if (now == until) break;
+        if (std::chrono::steady_clock::now() > deadline) return 3;
+      }
     } else {
       std::cerr << "unknown command " << command << "\n";
       return 2;

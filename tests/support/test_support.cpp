@@ -136,6 +136,14 @@ BackgroundPeer::BackgroundPeer(const std::vector<std::string>& args) {
   while (::read(fd_, &c, 1) == 1 && c != '\n') first_line_.push_back(c);
 }
 
+std::string BackgroundPeer::read_rest() {
+  std::string out;
+  char buf[4096];
+  ssize_t n;
+  while (fd_ >= 0 && (n = ::read(fd_, buf, sizeof buf)) > 0) out.append(buf, static_cast<std::size_t>(n));
+  return out;
+}
+
 int BackgroundPeer::wait() {
   if (pid_ <= 0) return -1;
   int status = 0;

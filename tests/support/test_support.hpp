@@ -75,6 +75,8 @@ class BackgroundPeer {
   explicit BackgroundPeer(const std::vector<std::string>& args);
   ~BackgroundPeer();
   const std::string& first_line() const { return first_line_; }
+  // The rest of the peer's output, read until the peer closes it.
+  std::string read_rest();
   int wait();  // exit status
 
  private:

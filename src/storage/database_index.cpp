@@ -1,0 +1,200 @@
+// Index replacement and health records: emptying the index for a full
+// rebuild, swapping a staging file in atomically, and the figures and
+// per-file error rows that health reporting reads.
+#include <array>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include <cerrno>
+
+#include "log.hpp"
+#include "marsk_quorvi/models/symbol.hpp"
+#include "marsk_quorvi/storage/database.hpp"
+#include "marsk_quorvi/storage/migrations.hpp"
+
+namespace marsk_quorvi::storage {
+
+namespace {
+
+// Children before parents: counting and deleting.
+constexpr std::array<const char*, 6> cleared_tables = {"edges",         "external_imports", "symbols",
+                                                       "files",         "components",       "index_errors"};
+// Parents before children: every copied row finds the row its foreign key
+// names already in place.
+constexpr std::array<const char*, 6> insert_tables = {"components",       "files",       "symbols", "edges",
+                                                      "external_imports", "index_errors"};
+
+// The six deletions shared by clear_all and the swap. code_chunks has been
+// dropped and re-created before this runs, so the trigger on files finds no
+// chunk to delete row by row.
+void delete_index_rows(Cursor& cursor) {
+  cursor.execute("DELETE FROM edges");
+  cursor.execute("DELETE FROM external_imports");
+  cursor.execute("DELETE FROM symbols");
+  cursor.execute("DELETE FROM files");
+  cursor.execute("DELETE FROM components");
+  cursor.execute("DELETE FROM index_errors");
+}
+
+// A rowcount reported as negative (not applicable) counts as no rows.
+std::int64_t rows_changed(const Cursor& cursor) { return cursor.rowcount() > 0 ? cursor.rowcount() : 0; }
+
+// The live table's columns, in table order, joined by ", ". The pragma names
+// no schema, so with `stg` attached it still resolves to the live table,
+// which is what decides the columns copied.
+std::string column_list(Connection& conn, const char* table) {
+  Cursor cursor = conn.execute(std::string("PRAGMA table_info(") + table + ")");
+  std::string joined;
+  for (const Row& row : cursor.fetchall()) {
+    if (!joined.empty()) joined += ", ";
+    joined += row[1].to_text();
+  }
+  cursor.close();
+  return joined;
+}
+
+}  // namespace
+
+// ------------------------------------------------------------------ code_chunks
+
+bool _has_code_chunks(Cursor& cursor, std::string_view schema) {
+  // The schema name is one of this layer's own fixed names ("main", "stg"),
+  // never a caller's value.
+  std::string sql = "SELECT 1 FROM ";
+  sql += schema;
+  sql += ".sqlite_master WHERE type = 'table' AND name = 'code_chunks'";
+  cursor.execute(sql);
+  // Read to the end so the statement holds no read lock on the schema while
+  // the caller goes on to drop the table through another statement.
+  return !cursor.fetchall().empty();
+}
+
+bool _empty_code_chunks(Cursor& cursor) {
+  if (!_has_code_chunks(cursor)) return false;
+  // Dropping the whole FTS5 table costs one schema change; deleting its rows
+  // would make the table tokenize every row again to take it out.
+  cursor.execute("DROP TABLE code_chunks");
+  migrations::run_ddl(cursor, migrations::CODE_CHUNKS_DDL);
+  return true;
+}
+
+// ------------------------------------------------------------------ clearing and swap
+
+void Database::clear_all() {
+  RowCounts row_counts;
+  transaction([&](Cursor& cursor) {
+    for (const char* table : cleared_tables) {
+      cursor.execute(std::string("SELECT COUNT(*) FROM ") + table);
+      auto row = cursor.fetchone();
+      row_counts.set(table, row ? (*row)[0].as_int() : 0);
+    }
+    _empty_code_chunks(cursor);
+    delete_index_rows(cursor);
+  });
+  detail::log(spdlog::level::info, "clear_all: cleared all index data (rows removed: %s)", row_counts.to_string());
+}
+
+RowCounts Database::swap_index_from(const std::filesystem::path& staging_path) {
+  std::error_code ec;
+  if (!std::filesystem::exists(staging_path, ec)) {
+    throw FileNotFoundError("Staging database not found: " + staging_path.string(), ENOENT);
+  }
+
+  RowCounts row_counts;
+  {
+    // Held from the attachment to the detachment, so no other statement on
+    // the writer connection ever sees `stg`; the transaction below re-enters it.
+    std::lock_guard lock(_lock);
+    std::shared_ptr<Connection> conn = connection();
+    conn->execute("ATTACH DATABASE ? AS stg", {staging_path.string()});
+    try {
+      // Read before the transaction begins, so that the write transaction
+      // holds only the emptying, the copies and the generation bump.
+      std::vector<std::pair<const char*, std::string>> col_lists;
+      for (const char* table : insert_tables) col_lists.emplace_back(table, column_list(*conn, table));
+
+      transaction([&](Cursor& cursor) {
+        // The live chunks are emptied whenever the live file has the table;
+        // they are refilled only when the staging file has it too.
+        const bool chunks = _empty_code_chunks(cursor) && _has_code_chunks(cursor, "stg");
+        delete_index_rows(cursor);
+        for (const auto& [table, columns] : col_lists) {
+          // One INSERT ... SELECT per table: no row passes through the program.
+          cursor.execute(std::string("INSERT INTO ") + table + " (" + columns + ") SELECT " + columns +
+                         " FROM stg." + table);
+          row_counts.set(table, rows_changed(cursor));
+        }
+        if (chunks) {
+          cursor.execute(
+              "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) "
+              "SELECT rowid, text, start_line, end_line, exact FROM stg.code_chunks");
+          row_counts.set("code_chunks", rows_changed(cursor));
+        }
+        // In the same commit as the rows: every process sees the new
+        // generation together with the new file ids.
+        _bump_index_generation(&cursor);
+      });
+    } catch (...) {
+      try {
+        conn->execute("DETACH DATABASE stg");
+      } catch (const Error&) {
+        // The failure that led here is the one to report.
+      }
+      throw;
+    }
+    try {
+      conn->execute("DETACH DATABASE stg");
+    } catch (const Error&) {
+      // A committed swap stays a success; the attachment ends with the
+      // connection at the latest.
+    }
+  }
+
+  detail::log(spdlog::level::info, "swap_index_from: replaced live index from %s (rows inserted: %s)",
+              staging_path.string(), row_counts.to_string());
+  // Outside the lock: compaction takes it in short steps of its own, and
+  // declines on the event loop. Its result is not this operation's concern.
+  compact();
+  return row_counts;
+}
+
+// ------------------------------------------------------------------ health
+
+RowCounts Database::get_stats() {
+  RowCounts stats;
+  stats.set("files", _count("SELECT COUNT(*) FROM files"));
+  stats.set("symbols", _count("SELECT COUNT(*) FROM symbols WHERE " + models::listed_sql()));
+  stats.set("edges", _count("SELECT COUNT(*) FROM edges"));
+  stats.set("components", _count("SELECT COUNT(*) FROM components"));
+  stats.set("errors", _count("SELECT COUNT(*) FROM index_errors"));
+  return stats;
+}
+
+bool Database::check_integrity() {
+  // Not a read statement by the routing rule: it runs on the writer
+  // connection under the lock.
+  auto result = fetchone("PRAGMA integrity_check");
+  return result && (*result)[0].type() == Value::Type::Text && (*result)[0].as_text() == "ok";
+}
+
+void Database::record_error(std::string_view file_path, std::string_view error_type, std::optional<std::string> message,
+                            std::optional<std::int64_t> line) {
+  execute("INSERT INTO index_errors (file_path, error_type, message, line) VALUES (?, ?, ?, ?)",
+          {file_path, error_type, message, line});
+}
+
+void Database::clear_file_errors(std::string_view file_path, std::optional<std::string> error_type) {
+  if (!error_type) {
+    execute("DELETE FROM index_errors WHERE file_path = ?", {file_path});
+  } else {
+    execute("DELETE FROM index_errors WHERE file_path = ? AND error_type = ?", {file_path, *error_type});
+  }
+}
+
+std::int64_t Database::get_error_count() { return _count("SELECT COUNT(DISTINCT file_path) FROM index_errors"); }
+
+}  // namespace marsk_quorvi::storage

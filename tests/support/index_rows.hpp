@@ -1,0 +1,148 @@
+// Rows of a code index for tests: a small hand-made index, a bulk seed built
+// by SQL alone, and a snapshot of every table a full rebuild may touch.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "marsk_quorvi/storage/database.hpp"
+
+namespace marsk_quorvi::storage {
+// Readable failure messages for count maps.
+inline void PrintTo(const RowCounts& counts, std::ostream* os) { *os << counts.to_string(); }
+}  // namespace marsk_quorvi::storage
+
+namespace marsk_quorvi::testing {
+
+namespace st = marsk_quorvi::storage;
+
+// The tables a clear or a swap replaces.
+inline const std::vector<std::string> kIndexTables = {"components", "files",           "symbols",
+                                                      "edges",      "external_imports", "index_errors"};
+
+inline void add_component(st::Database& db, std::int64_t id, const std::string& name) {
+  db.execute("INSERT INTO components (id, name) VALUES (?, ?)", {id, name});
+}
+
+inline void add_file(st::Database& db, std::int64_t id, const std::string& path, const std::string& language = "py") {
+  db.execute("INSERT INTO files (id, path, language, content_hash, size, mtime) VALUES (?, ?, ?, 'h', 1, 0)",
+             {id, path, language});
+}
+
+// A symbol that users see.
+inline void add_symbol(st::Database& db, std::int64_t id, std::int64_t file_id, const std::string& name,
+                       const std::string& kind = "function") {
+  db.execute("INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line) VALUES (?, ?, ?, ?, ?, 1, 2)",
+             {id, file_id, name, "m." + name, kind});
+}
+
+// The per-file top-level anchor the indexer keeps; never listed.
+inline void add_anchor(st::Database& db, std::int64_t id, std::int64_t file_id, const std::string& name) {
+  db.execute("INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line) VALUES (?, ?, ?, ?, 'module', 1, 1)",
+             {id, file_id, name, name});
+}
+
+inline void add_edge(st::Database& db, std::int64_t source, std::int64_t target, const std::string& kind = "calls") {
+  db.execute("INSERT INTO edges (source_id, target_id, kind) VALUES (?, ?, ?)", {source, target, kind});
+}
+
+inline void add_external_import(st::Database& db, std::int64_t file_id, const std::string& module) {
+  db.execute("INSERT INTO external_imports (file_id, module) VALUES (?, ?)", {file_id, module});
+}
+
+// A chunk of file text under the rowid that ties it to its file.
+inline void add_chunk(st::Database& db, std::int64_t file_id, std::int64_t number, const std::string& text) {
+  db.execute("INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (?, ?, 1, 9, 1)",
+             {(file_id << 20) + number, text});
+}
+
+// A bulk index made by SQL alone: `files` files in one component, `symbols`
+// symbols spread over them, `edges` edges between consecutive symbols, one
+// external import and one error row per 10 files, and, when `chunk_bytes` is
+// positive, one chunk of that many bytes per file. `tag` makes the texts of
+// one seed differ from another's.
+struct Seed {
+  std::int64_t files = 0;
+  std::int64_t symbols = 0;
+  std::int64_t edges = 0;
+  std::int64_t chunk_bytes = 0;
+  std::string tag = "a";
+};
+
+inline void seed_index(st::Database& db, const Seed& s) {
+  db.transaction([&](st::Cursor& c) {
+    c.execute("INSERT INTO components (id, name) VALUES (1, ?)", {"core-" + s.tag});
+    if (s.files <= 0) return;
+    c.execute(
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < ?) "
+        "INSERT INTO files (id, path, language, content_hash, size, mtime) "
+        "SELECT i, ? || '/f' || i || '.py', 'py', 'h', i, 0 FROM n",
+        {s.files, "src-" + s.tag});
+    if (s.symbols > 0) {
+      c.execute(
+          "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < ?) "
+          "INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line) "
+          "SELECT i, 1 + (i % ?), ? || i, 'm.s' || i, 'function', i, i + 1 FROM n",
+          {s.symbols, s.files, "s" + s.tag});
+    }
+    if (s.symbols > 1 && s.edges > 0) {
+      c.execute(
+          "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < ?) "
+          "INSERT INTO edges (source_id, target_id, kind) SELECT 1 + (i % ?), 1 + ((i + 1) % ?), 'calls' FROM n",
+          {s.edges, s.symbols, s.symbols});
+    }
+    c.execute(
+        "INSERT INTO external_imports (file_id, module) SELECT id, 'os' FROM files WHERE id % 10 = 0");
+    c.execute(
+        "INSERT INTO index_errors (file_path, error_type, message, line) "
+        "SELECT path, 'parse_error', 'bad', 1 FROM files WHERE id % 10 = 0");
+    if (s.chunk_bytes > 0) {
+      c.execute(
+          "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) "
+          "SELECT id << 20, ? || ' ' || id || ' ' || hex(randomblob(?)), 1, 100, 1 FROM files",
+          {s.tag, s.chunk_bytes / 2});
+    }
+  });
+}
+
+// Every row of the index tables, code_chunks (with rowids) and schema_info,
+// and the generation, as text: two snapshots are equal exactly when a
+// failed swap or clear changed nothing.
+inline std::map<std::string, std::vector<std::string>> snapshot(st::Database& db) {
+  std::map<std::string, std::vector<std::string>> out;
+  auto dump = [&](const std::string& key, const std::string& sql) {
+    auto& rows = out[key];
+    for (const auto& row : db.fetchall(sql)) {
+      std::string line;
+      for (std::size_t i = 0; i < row.size(); ++i) line += (i ? "|" : "") + row[i].to_text();
+      rows.push_back(line);
+    }
+  };
+  for (const auto& table : kIndexTables) dump(table, "SELECT * FROM " + table + " ORDER BY rowid");
+  if (!db.fetchall("SELECT 1 FROM sqlite_master WHERE name = 'code_chunks'").empty()) {
+    dump("code_chunks", "SELECT rowid, text, start_line, end_line, exact FROM code_chunks ORDER BY rowid");
+  }
+  dump("schema_info", "SELECT key, value FROM schema_info ORDER BY key");
+  dump("generation", "PRAGMA user_version");
+  return out;
+}
+
+inline std::int64_t count_rows(st::Database& db, const std::string& table) {
+  return (*db.fetchone("SELECT COUNT(*) FROM " + table))[0].as_int();
+}
+
+inline bool has_table(st::Database& db, const std::string& name) {
+  return !db.fetchall("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?", {name}).empty();
+}
+
+// Names of the databases attached to the writer connection ("main", ...).
+inline std::vector<std::string> attached(st::Database& db) {
+  std::vector<std::string> names;
+  for (const auto& row : db.connection()->execute("PRAGMA database_list").fetchall()) names.push_back(row[1].to_text());
+  return names;
+}
+
+}  // namespace marsk_quorvi::testing
