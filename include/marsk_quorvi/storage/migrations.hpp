@@ -43,7 +43,16 @@ std::int64_t mark_files_stale(Cursor& cursor, const std::vector<std::string>& la
 void run_ddl(Cursor& cursor, std::string_view ddl);
 
 // Creates the empty full-text table code_chunks (rowid, text, start_line,
-// end_line, exact) and its file trigger.
+// end_line, exact) and its file trigger; both statements are conditional, so
+// on a file that has them it changes nothing.
+//
+// A chunk's rowid encodes its file: rowid = (file_id << 20) + chunk number, so
+// `rowid >> 20` is the file id and a file holds up to 2^20 chunks. The link
+// thus travels with the five columns a bulk copy carries, and a file's chunks
+// are one rowid range, which the trigger files_delete_code_chunks deletes
+// when the `files` row goes. Only `text` is tokenised; `exact` is 1 when the
+// chunk is the file's verbatim text. Dropping code_chunks leaves that trigger
+// on `files`, where it fails every delete until code_chunks exists again.
 extern const std::string CODE_CHUNKS_DDL;
 
 }  // namespace marsk_quorvi::storage::migrations

@@ -1,0 +1,168 @@
+// Index files with exact page counts for the space tests, a way to patch
+// their headers, and a trace of the statements a connection runs.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "marsk_quorvi/storage/database.hpp"
+
+namespace marsk_quorvi::testing {
+
+inline constexpr std::int64_t kPageSize = 8192;
+
+// Pages in a file of `pages` pages that hold auto-vacuum pointer maps: page 2
+// and every (8192 / 5 + 1)th page after it.
+inline std::int64_t pointer_map_pages(std::int64_t pages) {
+  const std::int64_t per_map = kPageSize / 5;
+  return pages < 2 ? 0 : (pages - 2) / (per_map + 1) + 1;
+}
+
+// Builds a database file of exactly `pages` pages of 8192 bytes, `free` of them
+// on the free list, in auto-vacuum mode `mode` (0 none, 2 incremental). The
+// data sits in one blob of table `bulk`; the free pages are the overflow
+// chain of a deleted blob of table `spare`. Written without a journal: it is
+// a fixture, not a database under test.
+inline void make_page_file(const std::filesystem::path& path, std::int64_t pages, std::int64_t free,
+                           std::int64_t mode) {
+  namespace mq = marsk_quorvi::storage;
+  const std::int64_t overflow = kPageSize - 4;  // payload bytes per overflow page
+  const std::int64_t maps = mode == 0 ? 0 : pointer_map_pages(pages);
+  const std::int64_t data = pages - 3 - free - maps;  // page 1 and the two roots
+  ASSERT_GT(data, 0) << "no room for data in " << pages << " pages";
+  std::filesystem::remove(path);
+  auto conn = mq::Connection::open(path.string());
+  conn->execute("PRAGMA page_size=8192");
+  conn->execute("PRAGMA auto_vacuum=" + std::to_string(mode));
+  conn->execute("PRAGMA journal_mode=OFF");
+  conn->execute("PRAGMA synchronous=OFF");
+  conn->executescript("CREATE TABLE bulk (b BLOB); CREATE TABLE spare (b BLOB);");
+  conn->execute("INSERT INTO bulk VALUES (zeroblob(?))", {data * overflow});
+  if (free > 0) {
+    conn->execute("INSERT INTO spare VALUES (zeroblob(?))", {free * overflow});
+    conn->execute("DELETE FROM spare");
+  }
+  ASSERT_EQ((*conn->execute("PRAGMA page_count").fetchone())[0].as_int(), pages);
+  ASSERT_EQ((*conn->execute("PRAGMA freelist_count").fetchone())[0].as_int(), free);
+  conn->close();
+}
+
+// Writes a big-endian 32-bit value into the file at `offset` (header fields).
+inline void patch_u32(const std::filesystem::path& path, std::int64_t offset, std::uint32_t value) {
+  std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
+  f.seekp(offset);
+  const char bytes[] = {static_cast<char>(value >> 24), static_cast<char>(value >> 16), static_cast<char>(value >> 8),
+                        static_cast<char>(value)};
+  f.write(bytes, 4);
+}
+
+// Records, in order, the statements a connection starts ("SQL") and the value
+// of every "PRAGMA freelist_count" it reads ("free N"). `on_statement` runs on
+// the thread executing the statement, inside whatever lock that thread holds.
+class StatementTrace {
+ public:
+  explicit StatementTrace(sqlite3* db, std::function<void(const std::string&)> on_statement = {})
+      : db_(db), on_statement_(std::move(on_statement)) {
+    sqlite3_trace_v2(db_, SQLITE_TRACE_STMT | SQLITE_TRACE_ROW, &StatementTrace::callback, this);
+  }
+  ~StatementTrace() { stop(); }
+  StatementTrace(const StatementTrace&) = delete;
+  StatementTrace& operator=(const StatementTrace&) = delete;
+
+  void stop() {
+    if (db_) sqlite3_trace_v2(db_, 0, nullptr, nullptr);
+    db_ = nullptr;
+  }
+  std::vector<std::string> events() const {
+    std::lock_guard lock(mu_);
+    return events_;
+  }
+  std::int64_t count(const std::string& event) const {
+    std::int64_t n = 0;
+    for (const auto& e : events()) n += e == event;
+    return n;
+  }
+  // Pages each run of `step_sql` took off the free list, from the free-list
+  // reads just before and just after it.
+  std::vector<std::int64_t> steps(const std::string& step_sql) const {
+    const auto ev = events();
+    std::vector<std::int64_t> out;
+    for (std::size_t i = 0; i < ev.size(); ++i) {
+      if (ev[i] != step_sql) continue;
+      std::int64_t before = -1, after = -1;
+      for (std::size_t j = i; j-- > 0;) {
+        if (ev[j].rfind("free ", 0) == 0) {
+          before = std::stoll(ev[j].substr(5));
+          break;
+        }
+      }
+      for (std::size_t j = i + 1; j < ev.size(); ++j) {
+        if (ev[j].rfind("free ", 0) == 0) {
+          after = std::stoll(ev[j].substr(5));
+          break;
+        }
+      }
+      out.push_back(before - after);
+    }
+    return out;
+  }
+
+ private:
+  static int callback(unsigned type, void* ctx, void* p, void* x) {
+    auto* self = static_cast<StatementTrace*>(ctx);
+    if (type == SQLITE_TRACE_STMT) {
+      const std::string sql = static_cast<const char*>(x);
+      if (sql.rfind("--", 0) == 0) return 0;  // trigger bodies
+      {
+        std::lock_guard lock(self->mu_);
+        self->events_.push_back(sql);
+      }
+      if (self->on_statement_) self->on_statement_(sql);
+    } else if (type == SQLITE_TRACE_ROW) {
+      auto* stmt = static_cast<sqlite3_stmt*>(p);
+      const char* sql = sqlite3_sql(stmt);
+      if (sql && std::string(sql) == "PRAGMA freelist_count") {
+        std::lock_guard lock(self->mu_);
+        self->events_.push_back("free " + std::to_string(sqlite3_column_int64(stmt, 0)));
+      }
+    }
+    return 0;
+  }
+
+  sqlite3* db_;
+  std::function<void(const std::string&)> on_statement_;
+  mutable std::mutex mu_;
+  std::vector<std::string> events_;
+};
+
+// Reaches the internals of the handle by name.
+struct SpaceDb : marsk_quorvi::storage::Database {
+  using Database::Database;
+  using Database::_compact;
+  using Database::_compaction_noted;
+  using Database::_compaction_noted_mu;
+  using Database::_conversion_failed;
+  using Database::_convert_to_incremental;
+  using Database::_lock;
+  using Database::_readers;
+  using Database::_release_free_pages;
+  using Database::_shrink_file;
+  using Database::_skip_compaction;
+  using Database::_space;
+  using Database::_vacuum;
+};
+
+inline std::int64_t pragma(SpaceDb& db, const std::string& name) {
+  std::lock_guard lock(db._lock);
+  return (*db.connection()->execute("PRAGMA " + name).fetchone())[0].as_int();
+}
+
+}  // namespace marsk_quorvi::testing
