@@ -23,11 +23,11 @@ struct BenchOptions {
 // is printed all the same).
 bool run_benchmarks(const BenchOptions& options, std::ostream& out, std::ostream& err);
 
-// Indexes `tree` twice into a scratch index and reports, each against a peer
+// Indexes `tree` into a scratch index and reports each part against a peer
 // measured in the same run: walk + extract against Universal Ctags alone
-// over the same tree, the staging build against an FTS5 table filled with
-// the same chunks alone, and the swap that replaces a full index against
-// the swap into an empty one.
+// over the same tree (one `ctags -R`), the staging build against the same
+// rows written through the bare SQLite API, and the swap that replaces a
+// full index against the swap into an empty one.
 std::vector<BenchRow> index_benchmark(const std::filesystem::path& tree, std::ostream& err);
 
 // A row in the format of bench/harness.hpp's report().

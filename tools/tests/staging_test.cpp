@@ -4,6 +4,7 @@
 
 #include <fstream>
 
+#include "marsk_quorvi/storage/core_schema.hpp"
 #include "marsk_quorvi/storage/sqlite.hpp"
 #include "quorvi/source_file.hpp"
 #include "quorvi/staging.hpp"
@@ -89,6 +90,18 @@ TEST_F(Staging, HoldsACompleteIndexOfTheExtraction) {
   EXPECT_EQ(rows_of(*conn, "SELECT file_path, error_type, message, line FROM index_errors"),
             "bin/blob|binary_file|binary content: a NUL byte at offset 0|NULL\n");
   EXPECT_EQ(rows_of(*conn, "PRAGMA page_size"), "8192\n");
+  // The same schema as a file the tables were made in directly, indexes
+  // included (the bulk load drops and remakes them).
+  auto fresh = storage::Connection::open(path("fresh.db").string());
+  fresh->execute("BEGIN");
+  {
+    auto c = fresh->cursor();
+    storage::core_schema::create_tables(c);
+  }
+  fresh->execute("COMMIT");
+  const std::string schema = "SELECT type, name, tbl_name, sql FROM sqlite_master ORDER BY type, name";
+  EXPECT_EQ(rows_of(*conn, schema), rows_of(*fresh, schema));
+  EXPECT_NE(rows_of(*conn, schema).find("idx_symbols_fqn"), std::string::npos);
   EXPECT_EQ(rows_of(*conn, "PRAGMA foreign_key_check"), "");
   conn->close();
   EXPECT_FALSE(fs::exists(path("index.db.staging-journal")));
