@@ -69,21 +69,6 @@ TEST_F(CoreSchema, NewFileGetsEveryIndexTableAtTheCurrentVersionAndNothingElse) 
   EXPECT_EQ((*conn->execute("SELECT value FROM schema_info WHERE key = 'version'").fetchone())[0].as_text(), "2.0.0");
 }
 
-TEST_F(CoreSchema, ExistingTablesKeepTheirShapeAndTheFileGetsNoVersion) {
-  // An older build's files table, without the stale mark. Creating the stale
-  // index here would fail; the table must simply be left to the migrations.
-  conn->execute("CREATE TABLE files (id INTEGER PRIMARY KEY, path TEXT NOT NULL UNIQUE, language TEXT)");
-  conn->execute("INSERT INTO files (path, language) VALUES ('a.py', 'python')");
-  create_tables();
-
-  std::vector<std::string> cols;
-  for (const auto& r : conn->execute("PRAGMA table_info(files)").fetchall()) cols.push_back(r[1].as_text());
-  EXPECT_EQ(cols, (std::vector<std::string>{"id", "path", "language"}));
-  EXPECT_EQ(scalar("SELECT count(*) FROM files"), 1);
-  EXPECT_EQ(scalar("SELECT count(*) FROM schema_info"), 0);
-  EXPECT_EQ(scalar("SELECT count(*) FROM sqlite_master WHERE name = 'symbols'"), 1);
-}
-
 TEST_F(CoreSchema, DeletingAFileDeletesExactlyItsChunkRange) {
   create_tables();
   conn->execute("INSERT INTO files (id, path, language) VALUES (1, 'a.c', 'c'), (2, 'b.c', 'c')");
@@ -130,24 +115,6 @@ TEST_F(CoreSchema, RowsNeedTheirParentsAndGoWithThem) {
   for (const char* table : {"symbols", "edges", "external_imports"}) {
     EXPECT_EQ(scalar(std::string("SELECT count(*) FROM ") + table), 0) << table;
   }
-}
-
-TEST_F(CoreSchema, ChunkTableMadeAgainInsideATransactionRollsBackWithIt) {
-  create_tables();
-  conn->execute("INSERT INTO files (id, path) VALUES (1, 'a.c')");
-  conn->execute("INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (1048576, 'x', 1, 1, 1)");
-  {
-    auto c = conn->cursor();
-    c.execute("BEGIN");
-    c.execute("DROP TABLE code_chunks");
-    migrations::run_ddl(c, migrations::CODE_CHUNKS_DDL);
-    EXPECT_EQ((*c.execute("SELECT count(*) FROM code_chunks").fetchone())[0].as_int(), 0);
-    // The trigger on files survived the drop and works with the new table.
-    c.execute("DELETE FROM files");
-    c.execute("ROLLBACK");
-  }
-  EXPECT_EQ(scalar("SELECT count(*) FROM code_chunks"), 1);
-  EXPECT_EQ(scalar("SELECT count(*) FROM files"), 1);
 }
 
 }  // namespace

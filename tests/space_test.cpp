@@ -93,22 +93,6 @@ TEST_F(SpaceTest, DiskUsageCountsOnlyWhatTheProcessMayWrite) {
   EXPECT_LE(usage.free, usage.total - usage.used + 64 * MiB);
 }
 
-TEST_F(SpaceTest, OverridesNestAndRestore) {
-  const auto real_free = platform::disk_usage(dir_).total;
-  {
-    platform::ScopedOverride outer([](const fs::path&) { return platform::VolumeUsage{1, 0, 1}; }, {});
-    {
-      // An empty function keeps the one in force, here the outer override.
-      platform::ScopedOverride inner({}, [](const fs::path&) { return platform::FileStatus{7, 9}; });
-      EXPECT_EQ(platform::disk_usage(dir_).total, 1);
-      EXPECT_EQ(platform::file_status(dir_ / "nowhere").size, 7);
-    }
-    EXPECT_EQ(platform::disk_usage(dir_).total, 1);
-    EXPECT_THROW(platform::file_status(dir_ / "nowhere"), FileNotFoundError);
-  }
-  EXPECT_EQ(platform::disk_usage(dir_).total, real_free);
-}
-
 // ------------------------------------------------------------------ _space
 
 TEST_F(SpaceTest, SpaceReadsModePagesFreeAndPageSize) {
@@ -134,6 +118,21 @@ TEST_F(SpaceTest, SpaceReadsModePagesFreeAndPageSize) {
   auto conn = fresh.connection();
   fresh.close();
   EXPECT_THROW(SpaceDb::_space(*conn), mq::Error);
+}
+
+TEST_F(SpaceTest, SpaceSeesAnotherProcessRewriteTheFile) {
+  const auto file = path("shared.db");
+  make_page_file(file, 2100, 2048, mq::_AUTO_VACUUM_NONE);
+  SpaceDb db(file);
+  db.connect();
+  ASSERT_EQ(SpaceDb::_space(*db.connection()).mode, mq::_AUTO_VACUUM_NONE);
+  // The other process's handle asks for incremental mode when it connects;
+  // its VACUUM applies it.
+  ASSERT_EQ(marsk_quorvi::testing::run_peer({"exec", file.string(), "VACUUM"}).status, 0);
+  const auto space = SpaceDb::_space(*db.connection());
+  EXPECT_EQ(space.mode, mq::_AUTO_VACUUM_INCREMENTAL);
+  EXPECT_EQ(space.free, 0);
+  EXPECT_LT(space.pages, 100);
 }
 
 // ------------------------------------------------------------------ disk check
@@ -284,6 +283,8 @@ TEST_F(SpaceTest, UnusableDirectoriesOnTheRealFileSystem) {
   // A database directory that does not exist: the free-space query fails
   // and its error reaches the caller.
   ScopedEnv tmp("SQLITE_TMPDIR", dir_.string());
+  // A bare file name's directory is the working directory.
+  EXPECT_EQ(mq::_disk_shortfall("", 0), std::nullopt);
   EXPECT_THROW(mq::_disk_shortfall(path("missing"), 0), FileNotFoundError);
 }
 

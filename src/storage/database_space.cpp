@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -19,6 +20,12 @@ namespace marsk_quorvi::storage {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+// The connection lock does not queue its waiters: a thread that releases it
+// and takes it again at once nearly always wins against a writer the release
+// has only just woken. The compaction steps aside this long between steps so
+// that a waiting writer gets its turn after one step, not after the last.
+constexpr auto kPauseBetweenSteps = std::chrono::milliseconds(1);
 
 double seconds_since(Clock::time_point started) {
   return std::chrono::duration<double>(Clock::now() - started).count();
@@ -55,11 +62,6 @@ std::filesystem::path sqlite_temp_dir() {
   return system_temp_dir();
 }
 
-std::filesystem::path directory_of(const std::filesystem::path& file) {
-  auto parent = file.parent_path();
-  return parent.empty() ? std::filesystem::path(".") : parent;
-}
-
 std::int64_t size_on_disk(const std::filesystem::path& path) { return platform::file_status(path).size; }
 
 }  // namespace
@@ -67,6 +69,11 @@ std::int64_t size_on_disk(const std::filesystem::path& path) { return platform::
 // ------------------------------------------------------------------ measurement
 
 _Space Database::_space(Connection& connection) {
+  // SQLite answers "PRAGMA auto_vacuum" from what it cached when this
+  // connection last read the header, without reading the file; another
+  // process may have rewritten the file since. A statement that reads the
+  // header first makes the mode current.
+  pragma_int(connection, "schema_version");
   _Space space;
   space.mode = pragma_int(connection, "auto_vacuum");
   space.pages = pragma_int(connection, "page_count");
@@ -87,7 +94,10 @@ bool _same_volume(const std::filesystem::path& first, const std::filesystem::pat
   }
 }
 
-std::optional<std::string> _disk_shortfall(const std::filesystem::path& db_dir, std::int64_t used_bytes) {
+std::optional<std::string> _disk_shortfall(const std::filesystem::path& db_dir_given, std::int64_t used_bytes) {
+  // The parent of a bare file name is empty: the file is in the working
+  // directory.
+  const auto db_dir = db_dir_given.empty() ? std::filesystem::path(".") : db_dir_given;
   const auto temp_dir = sqlite_temp_dir();
   const std::int64_t each = used_bytes + COMPACT_DISK_MARGIN_BYTES;
   std::vector<std::pair<std::filesystem::path, std::int64_t>> needs;
@@ -176,6 +186,7 @@ std::int64_t Database::_release_free_pages() {
     // pages as fast as the steps release them.
     if (remaining >= free) break;
     released += free - remaining;
+    std::this_thread::sleep_for(kPauseBetweenSteps);
   }
   return released;
 }
@@ -229,7 +240,7 @@ Compaction Database::_convert_to_incremental(const _Space& space) {
   if (!_readers.load()) {
     return _skip_compaction("readers", "no read connections: a query would wait for the lock the conversion holds");
   }
-  if (auto shortfall = _disk_shortfall(directory_of(db_path), used)) return _skip_compaction("disk", *shortfall);
+  if (auto shortfall = _disk_shortfall(db_path.parent_path(), used)) return _skip_compaction("disk", *shortfall);
 
   const auto started = Clock::now();
   const std::int64_t size_before = size_on_disk(db_path);

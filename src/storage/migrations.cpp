@@ -155,6 +155,9 @@ std::string migrate(const Transaction& transaction, const std::string& version) 
     try {
       transaction([&](Cursor& cursor) {
         step.apply(cursor);
+        // A file may reach the registry without the table (it is made with the
+        // other tables at open); the version must still be recorded.
+        cursor.execute("CREATE TABLE IF NOT EXISTS schema_info (key TEXT PRIMARY KEY, value TEXT)");
         cursor.execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES ('version', ?)", {step.version});
       });
     } catch (const std::exception& e) {

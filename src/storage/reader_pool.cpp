@@ -48,19 +48,29 @@ ReaderPool::Lease ReaderPool::lease() {
 }
 
 void ReaderPool::give_back(std::shared_ptr<Connection> conn) noexcept {
-  std::shared_ptr<Connection> doomed;
+  {
+    std::lock_guard lk(mu_);
+    if (!closed_) {
+      --leased_;
+      idle_.push_back(std::move(conn));
+      cv_.notify_all();
+      return;
+    }
+  }
+  // The pool closed meanwhile. The connection is closed before it counts as
+  // returned, so that close() comes back only when none of this pool's
+  // connections has the file open any more (a page rewrite relies on it).
+  try {
+    conn->close();
+  } catch (...) {
+    // Nothing is left to do with a connection that fails to close.
+  }
   {
     std::lock_guard lk(mu_);
     --leased_;
-    if (closed_) {
-      --open_;
-      doomed = std::move(conn);
-    } else {
-      idle_.push_back(std::move(conn));
-    }
+    --open_;
   }
   cv_.notify_all();
-  if (doomed) doomed->close();
 }
 
 void ReaderPool::close() {

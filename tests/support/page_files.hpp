@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -69,17 +70,19 @@ inline void patch_u32(const std::filesystem::path& path, std::int64_t offset, st
 // the thread executing the statement, inside whatever lock that thread holds.
 class StatementTrace {
  public:
-  explicit StatementTrace(sqlite3* db, std::function<void(const std::string&)> on_statement = {})
-      : db_(db), on_statement_(std::move(on_statement)) {
-    sqlite3_trace_v2(db_, SQLITE_TRACE_STMT | SQLITE_TRACE_ROW, &StatementTrace::callback, this);
+  explicit StatementTrace(std::shared_ptr<marsk_quorvi::storage::Connection> connection,
+                          std::function<void(const std::string&)> on_statement = {})
+      : connection_(std::move(connection)), on_statement_(std::move(on_statement)) {
+    sqlite3_trace_v2(connection_->handle(), SQLITE_TRACE_STMT | SQLITE_TRACE_ROW, &StatementTrace::callback, this);
   }
   ~StatementTrace() { stop(); }
   StatementTrace(const StatementTrace&) = delete;
   StatementTrace& operator=(const StatementTrace&) = delete;
 
+  // Harmless once the connection is closed: nothing is traced any more.
   void stop() {
-    if (db_) sqlite3_trace_v2(db_, 0, nullptr, nullptr);
-    db_ = nullptr;
+    if (connection_ && connection_->handle()) sqlite3_trace_v2(connection_->handle(), 0, nullptr, nullptr);
+    connection_.reset();
   }
   std::vector<std::string> events() const {
     std::lock_guard lock(mu_);
@@ -90,27 +93,19 @@ class StatementTrace {
     for (const auto& e : events()) n += e == event;
     return n;
   }
-  // Pages each run of `step_sql` took off the free list, from the free-list
-  // reads just before and just after it.
+  // Pages each run of `step_sql` took off the free list: the difference of
+  // the free-list readings around it.
   std::vector<std::int64_t> steps(const std::string& step_sql) const {
-    const auto ev = events();
     std::vector<std::int64_t> out;
-    for (std::size_t i = 0; i < ev.size(); ++i) {
-      if (ev[i] != step_sql) continue;
-      std::int64_t before = -1, after = -1;
-      for (std::size_t j = i; j-- > 0;) {
-        if (ev[j].rfind("free ", 0) == 0) {
-          before = std::stoll(ev[j].substr(5));
-          break;
-        }
-      }
-      for (std::size_t j = i + 1; j < ev.size(); ++j) {
-        if (ev[j].rfind("free ", 0) == 0) {
-          after = std::stoll(ev[j].substr(5));
-          break;
-        }
-      }
-      out.push_back(before - after);
+    std::int64_t last = -1;
+    bool stepped = false;
+    for (const auto& e : events()) {
+      if (e == step_sql) stepped = true;
+      if (e.rfind("free ", 0) != 0) continue;
+      const std::int64_t free = std::stoll(e.substr(5));
+      if (stepped) out.push_back(last - free);
+      last = free;
+      stepped = false;
     }
     return out;
   }
@@ -137,7 +132,7 @@ class StatementTrace {
     return 0;
   }
 
-  sqlite3* db_;
+  std::shared_ptr<marsk_quorvi::storage::Connection> connection_;
   std::function<void(const std::string&)> on_statement_;
   mutable std::mutex mu_;
   std::vector<std::string> events_;

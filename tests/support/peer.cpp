@@ -5,6 +5,8 @@
 //   peer query DB SQL         prints each row, columns joined by '|'
 //   peer exec DB SQL          runs one statement through execute
 //   peer hold DB SECONDS      keeps a connection open, prints "ready", sleeps
+//   peer snapshot DB SECONDS  holds a read transaction (and its snapshot of the
+//                             write-ahead log), prints "ready", sleeps
 #include <chrono>
 #include <cstdio>
 #include <iostream>
@@ -25,7 +27,7 @@ int main(int argc, char** argv) {
     Database db(argv[2]);
     db.connect();
     if (command == "generation") {
-      std::cout << (*db.fetchone("PRAGMA user_version"))[0].as_int() << "\n";
+      std::cout << db.index_generation() << "\n";
     } else if (command == "query" && argc >= 4) {
       for (const auto& row : db.fetchall(argv[3])) {
         for (std::size_t i = 0; i < row.size(); ++i) std::cout << (i ? "|" : "") << row[i].to_text();
@@ -37,6 +39,12 @@ int main(int argc, char** argv) {
       db.fetchone("SELECT count(*) FROM sqlite_master");
       std::cout << "ready" << std::endl;
       std::this_thread::sleep_for(std::chrono::duration<double>(std::stod(argv[3])));
+    } else if (command == "snapshot" && argc >= 4) {
+      db.transaction([&](Cursor& cursor) {
+        cursor.execute("SELECT count(*) FROM sqlite_master").fetchall();
+        std::cout << "ready" << std::endl;
+        std::this_thread::sleep_for(std::chrono::duration<double>(std::stod(argv[3])));
+      });
     } else {
       std::cerr << "unknown command " << command << "\n";
       return 2;
