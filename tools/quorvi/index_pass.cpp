@@ -79,8 +79,15 @@ IndexPass run_index_pass(storage::Database& db, const fs::path& repo, const Ctag
                          const ExtractOptions& options, Progress& progress) {
   IndexPass pass;
   auto start = std::chrono::steady_clock::now();
-  const auto walked = walk_repository(repo, IgnoreRules::load(repo), [&](std::size_t n) {
+  auto walked = walk_repository(repo, IgnoreRules::load(repo), [&](std::size_t n) {
     progress.show("walking: " + std::to_string(n) + " files");
+  });
+  // An index kept inside the repository somewhere else than memory/ must
+  // not index itself, its journal or its staging file.
+  const auto db_abs = fs::absolute(db.db_path).lexically_normal().string();
+  std::erase_if(walked.files, [&](const WalkEntry& e) {
+    const auto p = (repo / e.path).lexically_normal().string();
+    return p.starts_with(db_abs) && (p.size() == db_abs.size() || p[db_abs.size()] == '-' || p[db_abs.size()] == '.');
   });
   pass.files_walked = walked.files.size();
   pass.pruned = walked.pruned;
