@@ -189,10 +189,15 @@ std::vector<BenchRow> index_benchmark(const fs::path& tree, std::ostream& err) {
 
   err << "indexing benchmark: staging build of " << extraction.files.size() << " files\n";
   const fs::path staging = scratch / "index.db.staging";
-  start = Clock::now();
-  build_staging(staging, tree, extraction);
-  const double staging_seconds = since(start);
-  const double raw_peer = raw_staging(tree, extraction, scratch / "raw-staging.db");
+  // Two rounds, interleaved, the better of each: the machine's noise is
+  // larger than the difference being measured.
+  double staging_seconds = 1e300, raw_peer = 1e300;
+  for (int round = 0; round < 2; ++round) {
+    start = Clock::now();
+    build_staging(staging, tree, extraction);
+    staging_seconds = std::min(staging_seconds, since(start));
+    raw_peer = std::min(raw_peer, raw_staging(tree, extraction, scratch / "raw-staging.db"));
+  }
   const auto files = extraction.files.size();
   std::int64_t bytes = 0;
   for (const auto& f : extraction.files) bytes += f.size;

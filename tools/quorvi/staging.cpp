@@ -188,13 +188,27 @@ StagingCounts generate_staging_rows(const fs::path& repo, const Extraction& extr
 
 namespace {
 
-// The rows through the access layer: one cursor per statement, each
-// statement prepared once and run again for every row.
+// The rows through the access layer: one cursor per statement, so each
+// statement is prepared once. The many small rows (symbols, chunks) go in
+// batches through executemany, which binds and steps them without handing
+// the statement back to the cache in between. The staging file enforces no
+// foreign keys and every id is explicit, so a batch may land after rows of
+// other tables that name it.
 class CursorRows : public StagingRows {
  public:
+  static constexpr std::size_t BATCH = 1024;
+  static constexpr const char* SYMBOL_SQL =
+      "INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line, parent_id, signature) "
+      "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)";
+  static constexpr const char* CHUNK_SQL =
+      "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (?, ?, ?, ?, 1)";
+
   explicit CursorRows(Connection& conn)
       : components_(conn.cursor()), files_(conn.cursor()), symbols_(conn.cursor()), chunks_(conn.cursor()),
-        errors_(conn.cursor()) {}
+        errors_(conn.cursor()) {
+    symbol_batch_.reserve(BATCH);
+    chunk_batch_.reserve(BATCH);
+  }
   ~CursorRows() override {
     for (Cursor* c : {&components_, &files_, &symbols_, &chunks_, &errors_}) c->close();
   }
@@ -211,22 +225,37 @@ class CursorRows : public StagingRows {
   void symbol(std::int64_t id, std::int64_t file_id, const std::string& name, const std::string& fqn,
               const std::string& kind, std::int64_t start_line, std::int64_t end_line,
               std::optional<std::int64_t> parent_id, const std::optional<std::string>& signature) override {
-    symbols_.execute(
-        "INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line, parent_id, signature) "
-        "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)",
-        {id, file_id, name, fqn, kind, start_line, end_line, parent_id, signature});
+    symbol_batch_.push_back({id, file_id, name, fqn, kind, start_line, end_line, parent_id, signature});
+    if (symbol_batch_.size() >= BATCH) flush_symbols();
   }
   void chunk(std::int64_t rowid, std::string_view text, std::int64_t start_line, std::int64_t end_line) override {
-    chunks_.execute("INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (?, ?, ?, ?, 1)",
-                    {rowid, text, start_line, end_line});
+    chunk_batch_.push_back({rowid, text, start_line, end_line});
+    if (chunk_batch_.size() >= BATCH) flush_chunks();
   }
   void error(const FileError& e) override {
     errors_.execute("INSERT INTO index_errors (file_path, error_type, message, line) VALUES (?, ?, ?, ?)",
                     {e.path, e.error_type, e.message, e.line});
   }
+  // Writes what the batches still hold; call before committing.
+  void flush() {
+    flush_symbols();
+    flush_chunks();
+  }
 
  private:
+  void flush_symbols() {
+    if (symbol_batch_.empty()) return;
+    symbols_.executemany(SYMBOL_SQL, symbol_batch_);
+    symbol_batch_.clear();
+  }
+  void flush_chunks() {
+    if (chunk_batch_.empty()) return;
+    chunks_.executemany(CHUNK_SQL, chunk_batch_);
+    chunk_batch_.clear();
+  }
+
   Cursor components_, files_, symbols_, chunks_, errors_;
+  std::vector<Params> symbol_batch_, chunk_batch_;
 };
 
 }  // namespace
@@ -239,6 +268,7 @@ StagingCounts build_staging(const fs::path& staging, const fs::path& repo, const
     {
       CursorRows rows(file.connection());
       counts = generate_staging_rows(repo, extraction, rows, on_progress);
+      rows.flush();
     }
     file.finish();
     return counts;
