@@ -1,0 +1,272 @@
+#include "quorvi/bench_runner.hpp"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+
+#include "marsk_quorvi/storage/database.hpp"
+#include "marsk_quorvi/storage/sqlite.hpp"
+#include "marsk_quorvi/storage/storage_size.hpp"
+#include "quorvi/index_pass.hpp"
+#include "quorvi/language.hpp"
+#include "quorvi/subprocess.hpp"
+
+namespace marsk_quorvi::cli {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+std::string format_g(double v) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "%.6g", v);
+  return buf;
+}
+
+bool is_bench_program(const fs::directory_entry& entry) {
+  const auto name = entry.path().filename().string();
+  if (!name.ends_with("_bench")) return false;
+  std::error_code ec;
+  if (!entry.is_regular_file(ec)) return false;
+  return ::access(entry.path().c_str(), X_OK) == 0;
+}
+
+// Universal Ctags alone over the same tree: what extraction cannot beat.
+double ctags_alone(const fs::path& tree) {
+  std::vector<std::string> args{"ctags", "--output-format=json", "--fields=+neKS", "--sort=no", "-f", "-", "-R"};
+  const auto own = Ctags::arguments({});
+  args.insert(args.end(), own.begin() + 5, own.end());  // the same --languages and --map options
+  args.push_back(tree.string());
+  const auto start = Clock::now();
+  run_process(args, [](std::string_view) {});
+  return since(start);
+}
+
+// The same rows through the bare SQLite API: one prepared statement per
+// table, bound and stepped per row. What the access layer adds on top is the
+// staging build's own overhead.
+class RawRows : public StagingRows {
+ public:
+  explicit RawRows(sqlite3* db) : db_(db) {
+    prepare(components_, "INSERT INTO components (id, name, root_path) VALUES (?, ?, ?)");
+    prepare(files_,
+            "INSERT INTO files (id, path, language, content_hash, size, mtime, component_id, stale) "
+            "VALUES (?, ?, ?, ?, ?, ?, ?, 0)");
+    prepare(symbols_,
+            "INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line, parent_id, signature) "
+            "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    prepare(chunks_, "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (?, ?, ?, ?, 1)");
+    prepare(errors_, "INSERT INTO index_errors (file_path, error_type, message, line) VALUES (?, ?, ?, ?)");
+  }
+  ~RawRows() override {
+    for (auto* s : {components_, files_, symbols_, chunks_, errors_}) sqlite3_finalize(s);
+  }
+  void component(std::int64_t id, const std::string& name) override {
+    sqlite3_bind_int64(components_, 1, id);
+    text(components_, 2, name);
+    text(components_, 3, name);
+    run(components_);
+  }
+  void file(std::int64_t id, const FileRecord& f, const std::string& hash, std::optional<double> mtime,
+            std::optional<std::int64_t> component_id) override {
+    sqlite3_bind_int64(files_, 1, id);
+    text(files_, 2, f.path);
+    text(files_, 3, f.language);
+    text(files_, 4, hash);
+    sqlite3_bind_int64(files_, 5, f.size);
+    mtime ? sqlite3_bind_double(files_, 6, *mtime) : sqlite3_bind_null(files_, 6);
+    component_id ? sqlite3_bind_int64(files_, 7, *component_id) : sqlite3_bind_null(files_, 7);
+    run(files_);
+  }
+  void symbol(std::int64_t id, std::int64_t file_id, const std::string& name, const std::string& fqn,
+              const std::string& kind, std::int64_t start_line, std::int64_t end_line,
+              std::optional<std::int64_t> parent_id, const std::optional<std::string>& signature) override {
+    sqlite3_bind_int64(symbols_, 1, id);
+    sqlite3_bind_int64(symbols_, 2, file_id);
+    text(symbols_, 3, name);
+    text(symbols_, 4, fqn);
+    text(symbols_, 5, kind);
+    sqlite3_bind_int64(symbols_, 6, start_line);
+    sqlite3_bind_int64(symbols_, 7, end_line);
+    parent_id ? sqlite3_bind_int64(symbols_, 8, *parent_id) : sqlite3_bind_null(symbols_, 8);
+    signature ? text(symbols_, 9, *signature) : sqlite3_bind_null(symbols_, 9);
+    run(symbols_);
+  }
+  void chunk(std::int64_t rowid, std::string_view t, std::int64_t start_line, std::int64_t end_line) override {
+    sqlite3_bind_int64(chunks_, 1, rowid);
+    text(chunks_, 2, t);
+    sqlite3_bind_int64(chunks_, 3, start_line);
+    sqlite3_bind_int64(chunks_, 4, end_line);
+    run(chunks_);
+  }
+  void error(const FileError& e) override {
+    text(errors_, 1, e.path);
+    text(errors_, 2, e.error_type);
+    text(errors_, 3, e.message);
+    e.line ? sqlite3_bind_int64(errors_, 4, *e.line) : sqlite3_bind_null(errors_, 4);
+    run(errors_);
+  }
+
+ private:
+  void prepare(sqlite3_stmt*& s, const char* sql) {
+    if (sqlite3_prepare_v2(db_, sql, -1, &s, nullptr) != SQLITE_OK) storage::raise_error(db_, sqlite3_errcode(db_));
+  }
+  static int text(sqlite3_stmt* s, int i, std::string_view t) {
+    return sqlite3_bind_text(s, i, t.data(), static_cast<int>(t.size()), SQLITE_TRANSIENT);
+  }
+  void run(sqlite3_stmt* s) {
+    const int rc = sqlite3_step(s);
+    sqlite3_reset(s);
+    if (rc != SQLITE_DONE) storage::raise_error(db_, rc);
+  }
+  sqlite3* db_;
+  sqlite3_stmt *components_ = nullptr, *files_ = nullptr, *symbols_ = nullptr, *chunks_ = nullptr,
+               *errors_ = nullptr;
+};
+
+double raw_staging(const fs::path& repo, const Extraction& extraction, const fs::path& path) {
+  const auto start = Clock::now();
+  {
+    StagingFile file(path);
+    {
+      RawRows rows(file.connection().handle());
+      generate_staging_rows(repo, extraction, rows);
+    }
+    file.finish();
+  }
+  const auto seconds = since(start);
+  remove_database_files(path);
+  return seconds;
+}
+
+}  // namespace
+
+BenchRow bench_row(const std::string& source, const std::string& figure, double value, const std::string& unit,
+                   const std::string& peer, double peer_value, const std::string& target) {
+  std::string ratio = "-";
+  if (!peer.empty() && peer_value > 0) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.3f", value / peer_value);
+    ratio = buf;
+  }
+  return BenchRow{source, figure, format_g(value), unit, peer.empty() ? "-" : peer, format_g(peer_value), ratio,
+                  target};
+}
+
+std::vector<BenchRow> index_benchmark(const fs::path& tree, std::ostream& err) {
+  std::string pattern = (fs::temp_directory_path() / "quorvi-bench-XXXXXX").string();
+  if (!::mkdtemp(pattern.data())) throw OSError("cannot make a scratch folder in " + fs::temp_directory_path().string());
+  const fs::path scratch = pattern;
+  struct Cleanup {
+    fs::path dir;
+    ~Cleanup() {
+      std::error_code ec;
+      fs::remove_all(dir, ec);
+    }
+  } cleanup{scratch};
+
+  const Ctags ctags;
+  storage::Database db(scratch / "index.db");
+  open_like_the_service(db);
+  db.refresh_extractor_stamp(extractor_versions(&ctags));
+  const std::string src = "quorvi-db";
+
+  err << "indexing benchmark: walking and extracting " << tree.string() << "\n";
+  auto start = Clock::now();
+  const auto walked = walk_repository(tree, IgnoreRules::load(tree));
+  auto extraction = extract(tree, walked, &ctags, {});
+  const double walk_extract = since(start);
+  const double ctags_peer = ctags_alone(tree);
+
+  err << "indexing benchmark: staging build of " << extraction.files.size() << " files\n";
+  const fs::path staging = scratch / "index.db.staging";
+  // Two rounds, interleaved, the better of each: the machine's noise is
+  // larger than the difference being measured.
+  double staging_seconds = 1e300, raw_peer = 1e300;
+  for (int round = 0; round < 2; ++round) {
+    start = Clock::now();
+    build_staging(staging, tree, extraction);
+    staging_seconds = std::min(staging_seconds, since(start));
+    raw_peer = std::min(raw_peer, raw_staging(tree, extraction, scratch / "raw-staging.db"));
+  }
+  const auto files = extraction.files.size();
+  std::int64_t bytes = 0;
+  for (const auto& f : extraction.files) bytes += f.size;
+  extraction = Extraction{};
+
+  err << "indexing benchmark: swaps\n";
+  const fs::path second = scratch / "index.db.staging2";
+  fs::copy_file(staging, second);
+  start = Clock::now();
+  db.swap_index_from(staging);
+  const double swap_into_empty = since(start);
+  start = Clock::now();
+  db.swap_index_from(second);
+  const double swap_replacing = since(start);
+  db.close();
+
+  const double total = walk_extract + staging_seconds + swap_replacing;
+  std::vector<BenchRow> rows;
+  rows.push_back(bench_row(src, "index.walk_extract", walk_extract, "s", "ctags -R alone", ctags_peer, "<= 1.5"));
+  rows.push_back(
+      bench_row(src, "index.staging_build", staging_seconds, "s", "same rows, bare sqlite3 API", raw_peer, "<= 1.25"));
+  rows.push_back(bench_row(src, "index.swap", swap_replacing, "s", "swap into empty index", swap_into_empty, "<= 3"));
+  rows.push_back(bench_row(src, "index.files", static_cast<double>(files), "files", "", 0, "-"));
+  rows.push_back(bench_row(src, "index.throughput", static_cast<double>(bytes) / storage::_MIB / total, "MiB/s", "",
+                           0, "-"));
+  return rows;
+}
+
+bool run_benchmarks(const BenchOptions& options, std::ostream& out, std::ostream& err) {
+  std::vector<fs::path> programs;
+  for (const auto& entry : fs::directory_iterator(options.bench_dir)) {
+    if (is_bench_program(entry)) programs.push_back(entry.path());
+  }
+  std::sort(programs.begin(), programs.end());
+  std::vector<BenchRow> rows;
+  bool ok = true;
+  for (const auto& program : programs) {
+    const auto name = program.filename().string();
+    err << "running " << name << "\n";
+    std::size_t found = 0;
+    ProcessResult r;
+    try {
+      r = run_process({program.string()}, [&](std::string_view line) {
+        if (auto row = parse_bench_line(line, name)) {
+          rows.push_back(std::move(*row));
+          ++found;
+        } else if (options.verbose) {
+          err << "  " << line << "\n";
+        }
+      });
+    } catch (const std::exception& e) {
+      err << name << ": " << e.what() << "\n";
+      ok = false;
+      continue;
+    }
+    if (r.exit_code != 0 || found == 0) {
+      ok = false;
+      err << name << ": " << (r.signal ? "died of signal " + std::to_string(r.signal)
+                                       : "exited with status " + std::to_string(r.exit_code))
+          << ", " << found << " result lines\n";
+      if (!r.err.empty()) err << r.err;
+    }
+  }
+  if (options.index) {
+    auto own = index_benchmark(options.tree, err);
+    rows.insert(rows.end(), own.begin(), own.end());
+  }
+  out << format_table(rows);
+  return ok;
+}
+
+}  // namespace marsk_quorvi::cli

@@ -1,0 +1,61 @@
+// Reading the walked files and extracting their symbols, in parallel
+// batches: the "walk + extract" half of an index pass.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "quorvi/ctags.hpp"
+#include "quorvi/walker.hpp"
+
+namespace marsk_quorvi::cli {
+
+// A file whose text made it into the index.
+struct FileRecord {
+  std::string path;  // repository-relative
+  std::string language;
+  std::string text;
+  std::int64_t size = 0;
+  std::int64_t line_count = 0;
+  std::vector<Tag> tags;  // sorted by line, then name
+};
+
+// A file (or folder) that could not be indexed, as an index_errors row.
+struct FileError {
+  std::string path;
+  std::string error_type;
+  std::string message;
+  std::optional<std::int64_t> line;
+};
+
+struct Extraction {
+  std::vector<FileRecord> files;  // in walk order
+  std::vector<FileError> errors;  // in walk order
+  std::int64_t tags = 0;
+  std::int64_t ctags_runs = 0;
+};
+
+struct ExtractOptions {
+  std::int64_t max_file_bytes = 0;  // 0: DEFAULT_MAX_FILE_BYTES
+  unsigned jobs = 0;                // 0: one per core
+  std::size_t batch_files = 256;    // files per ctags run
+  std::size_t batch_bytes = 8u << 20;
+  // Progress: files done so far, files in all.
+  std::function<void(std::size_t, std::size_t)> on_progress;
+};
+
+// Reads every walked file under `repo` and runs ctags (`ctags` may be none:
+// then no symbols are extracted) over the readable files of parsed
+// languages, batch by batch on `jobs` threads. A batch on which ctags fails
+// is run again file by file, so that one bad file costs only its own symbols
+// and gets a PARSE_ERROR row. Raises only for what it cannot go on without
+// (a ctags that cannot be started).
+Extraction extract(const std::filesystem::path& repo, const WalkResult& walked, const Ctags* ctags,
+                   const ExtractOptions& options);
+
+}  // namespace marsk_quorvi::cli

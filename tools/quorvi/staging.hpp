@@ -1,0 +1,97 @@
+// The staging index: a complete index file, built from one extraction in a
+// single transaction, for the live index to be replaced from.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "marsk_quorvi/storage/sqlite.hpp"
+
+#include "quorvi/extract.hpp"
+
+namespace marsk_quorvi::cli {
+
+// Lines per code_chunks row: a search hit names a range this long at most.
+inline constexpr std::int64_t CHUNK_LINES = 60;
+
+// The staging file that belongs to an index file: beside it, so that the
+// swap's ATTACH stays on one volume.
+std::filesystem::path staging_path_for(const std::filesystem::path& db_path);
+
+// Removes `path` and the journal files SQLite may have left beside it.
+// Harmless when none exists.
+void remove_database_files(const std::filesystem::path& path);
+
+struct StagingCounts {
+  std::int64_t components = 0;
+  std::int64_t files = 0;
+  std::int64_t symbols = 0;
+  std::int64_t chunks = 0;
+  std::int64_t errors = 0;
+};
+
+// Builds a fresh staging index at `staging` (any old file there is removed
+// first) with the tables of the live schema: `components` from the
+// top-level folders that hold indexed files, `files`, one `module` anchor
+// per file plus a `symbols` row per tag (nested under its enclosing symbol
+// when ctags names one), `code_chunks` with the text of each file in
+// CHUNK_LINES-line pieces, and an `index_errors` row per error. The file is
+// disposable until swapped in, so it is written without a journal and
+// without syncs, in one transaction with each statement prepared once.
+// `repo` gives the files' modification times. Raises storage::Error for
+// SQLite failures; the half-built file is then removed.
+StagingCounts build_staging(const std::filesystem::path& staging, const std::filesystem::path& repo,
+                            const Extraction& extraction,
+                            const std::function<void(std::size_t, std::size_t)>& on_progress = {});
+
+// Where the rows of a staging index go, one call per row, parents before
+// children. build_staging writes them through the access layer's cursors;
+// the benchmark's peer writes the same rows through the bare SQLite API.
+class StagingRows {
+ public:
+  virtual ~StagingRows() = default;
+  virtual void component(std::int64_t id, const std::string& name) = 0;
+  virtual void file(std::int64_t id, const FileRecord& f, const std::string& hash, std::optional<double> mtime,
+                    std::optional<std::int64_t> component_id) = 0;
+  virtual void symbol(std::int64_t id, std::int64_t file_id, const std::string& name, const std::string& fqn,
+                      const std::string& kind, std::int64_t start_line, std::int64_t end_line,
+                      std::optional<std::int64_t> parent_id, const std::optional<std::string>& signature) = 0;
+  virtual void chunk(std::int64_t rowid, std::string_view text, std::int64_t start_line, std::int64_t end_line) = 0;
+  virtual void error(const FileError& e) = 0;
+};
+
+// Hands every row of `extraction` to `rows`, in insertion order.
+StagingCounts generate_staging_rows(const std::filesystem::path& repo, const Extraction& extraction, StagingRows& rows,
+                                    const std::function<void(std::size_t, std::size_t)>& on_progress = {});
+
+// The file of a staging build: made new with the staging pragmas, the
+// schema's tables created and their secondary indexes dropped inside one
+// open transaction; `finish` remakes the indexes from their stored
+// definitions and commits. Destroying an unfinished one rolls back.
+class StagingFile {
+ public:
+  explicit StagingFile(const std::filesystem::path& path);
+  ~StagingFile();
+  StagingFile(const StagingFile&) = delete;
+  StagingFile& operator=(const StagingFile&) = delete;
+  storage::Connection& connection() { return *conn_; }
+  void finish();
+
+ private:
+  std::shared_ptr<storage::Connection> conn_;
+  std::vector<std::pair<std::string, std::string>> deferred_;  // index name, its CREATE statement
+  bool open_ = false;
+};
+
+// FNV-1a, 64 bits, as 16 hex digits: the content hash stored per file, cheap
+// enough to compute for every file of a large tree.
+std::string content_hash(const std::string& text);
+
+}  // namespace marsk_quorvi::cli
