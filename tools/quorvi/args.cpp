@@ -90,8 +90,8 @@ const std::vector<CommandSpec>& command_specs() {
 }
 
 const CommandSpec* find_command(const std::string& name) {
-  for (const auto& spec : command_specs()) {
-    if (spec.name == name) return &spec;
+  for (const auto& cmd_spec : command_specs()) {
+    if (cmd_spec.name == name) return &cmd_spec;
   }
   return nullptr;
 }
@@ -119,15 +119,15 @@ std::int64_t Invocation::int_value(const std::string& name, std::int64_t fallbac
 
 Invocation parse_args(const std::vector<std::string>& args) {
   Invocation inv;
-  const CommandSpec* spec = nullptr;
+  const CommandSpec* cmd_spec = nullptr;
   // Options seen before the command is known are checked once it is.
   std::vector<std::string> early;
   auto lookup = [&](const std::string& name) -> const OptionSpec* {
     for (const auto& o : global_options()) {
       if (o.name == name) return &o;
     }
-    if (spec) {
-      for (const auto& o : spec->options) {
+    if (cmd_spec) {
+      for (const auto& o : cmd_spec->options) {
         if (o.name == name) return &o;
       }
     }
@@ -150,7 +150,7 @@ Invocation parse_args(const std::vector<std::string>& args) {
         name.resize(eq);
       }
       const OptionSpec* opt = lookup(name);
-      if (!opt && !spec) {
+      if (!opt && !cmd_spec) {
         // Possibly an option of a command still to come: it takes a value
         // when any command's option of that name does.
         for (const auto& s : command_specs()) {
@@ -160,44 +160,44 @@ Invocation parse_args(const std::vector<std::string>& args) {
         }
         if (opt) early.push_back(name);
       }
-      if (!opt) throw UsageError("unknown option " + name, spec ? spec->name : "");
+      if (!opt) throw UsageError("unknown option " + name, cmd_spec ? cmd_spec->name : "");
       if (opt->value_name.empty()) {
-        if (inline_value) throw UsageError(name + " takes no value", spec ? spec->name : "");
+        if (inline_value) throw UsageError(name + " takes no value", cmd_spec ? cmd_spec->name : "");
         if (name == "--help") inv.help = true;
         inv.flags.insert(name);
         continue;
       }
       if (!inline_value) {
-        if (i + 1 >= args.size()) throw UsageError(name + " needs a value (" + opt->value_name + ")", spec ? spec->name : "");
+        if (i + 1 >= args.size()) throw UsageError(name + " needs a value (" + opt->value_name + ")", cmd_spec ? cmd_spec->name : "");
         inline_value = args[++i];
       }
       inv.values[name] = *inline_value;
       continue;
     }
-    if (!spec) {
-      spec = find_command(arg);
-      if (!spec) throw UsageError("unknown command '" + arg + "'");
-      inv.command = spec->name;
+    if (!cmd_spec) {
+      cmd_spec = find_command(arg);
+      if (!cmd_spec) throw UsageError("unknown command '" + arg + "'");
+      inv.command = cmd_spec->name;
       continue;
     }
     inv.operands.push_back(arg);
   }
-  if (!spec) {
+  if (!cmd_spec) {
     if (inv.help) return inv;
     throw UsageError("no command given");
   }
   for (const auto& name : early) {
-    if (!std::any_of(spec->options.begin(), spec->options.end(), [&](const OptionSpec& o) { return o.name == name; })) {
-      throw UsageError("unknown option " + name + " for " + spec->name, spec->name);
+    if (!std::any_of(cmd_spec->options.begin(), cmd_spec->options.end(), [&](const OptionSpec& o) { return o.name == name; })) {
+      throw UsageError("unknown option " + name + " for " + cmd_spec->name, cmd_spec->name);
     }
   }
   if (inv.help) return inv;
-  if (inv.operands.size() < spec->min_operands) {
-    throw UsageError(spec->name + " needs " + spec->operands, spec->name);
+  if (inv.operands.size() < cmd_spec->min_operands) {
+    throw UsageError(cmd_spec->name + " needs " + cmd_spec->operands, cmd_spec->name);
   }
-  if (inv.operands.size() > spec->max_operands) {
-    throw UsageError("too many operands for " + spec->name + ": '" + inv.operands[spec->max_operands] + "'",
-                     spec->name);
+  if (inv.operands.size() > cmd_spec->max_operands) {
+    throw UsageError("too many operands for " + cmd_spec->name + ": '" + inv.operands[cmd_spec->max_operands] + "'",
+                     cmd_spec->name);
   }
   return inv;
 }
@@ -212,11 +212,11 @@ std::string tool_help() {
       "index made by an older build up to date.\n"
       "\n"
       "Commands:\n";
-  for (const auto& spec : command_specs()) {
-    std::string head = "  " + spec.name + (spec.operands.empty() ? "" : " " + spec.operands);
+  for (const auto& cmd_spec : command_specs()) {
+    std::string head = "  " + cmd_spec.name + (cmd_spec.operands.empty() ? "" : " " + cmd_spec.operands);
     if (head.size() < 24) head.resize(24, ' ');
     else head += "  ";
-    out += head + spec.summary + "\n";
+    out += head + cmd_spec.summary + "\n";
   }
   out += "\nOptions:\n";
   for (const auto& o : global_options()) out += option_line(o);
@@ -225,10 +225,10 @@ std::string tool_help() {
   return out;
 }
 
-std::string command_help(const CommandSpec& spec) {
-  std::string out = "Usage: quorvi-db " + spec.name + (spec.options.empty() ? "" : " [OPTIONS]") +
-                    (spec.operands.empty() ? "" : " " + spec.operands) + "\n\n" + spec.description + "\n\nOptions:\n";
-  for (const auto& o : spec.options) out += option_line(o);
+std::string command_help(const CommandSpec& cmd_spec) {
+  std::string out = "Usage: quorvi-db " + cmd_spec.name + (cmd_spec.options.empty() ? "" : " [OPTIONS]") +
+                    (cmd_spec.operands.empty() ? "" : " " + cmd_spec.operands) + "\n\n" + cmd_spec.description + "\n\nOptions:\n";
+  for (const auto& o : cmd_spec.options) out += option_line(o);
   for (const auto& o : global_options()) out += option_line(o);
   out += "\n";
   out += kExitCodes;

@@ -79,6 +79,6 @@ struct Invocation {
 Invocation parse_args(const std::vector<std::string>& args);
 
 std::string tool_help();
-std::string command_help(const CommandSpec& spec);
+std::string command_help(const CommandSpec& cmd_spec);
 
 }  // namespace marsk_quorvi::cli

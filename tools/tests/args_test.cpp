@@ -72,11 +72,11 @@ TEST(Args, RefusesBadCommandLinesWithAClearMessage) {
 
 TEST(Args, HelpNamesEveryCommandOptionAndExitCode) {
   const auto help = tool_help();
-  for (const auto& spec : command_specs()) {
-    EXPECT_NE(help.find("  " + spec.name), std::string::npos) << spec.name;
-    const auto own = command_help(spec);
-    EXPECT_EQ(own.rfind("Usage: quorvi-db " + spec.name, 0), 0u) << own;
-    for (const auto& o : spec.options) EXPECT_NE(own.find(o.name), std::string::npos) << spec.name << o.name;
+  for (const auto& cmd_spec : command_specs()) {
+    EXPECT_NE(help.find("  " + cmd_spec.name), std::string::npos) << cmd_spec.name;
+    const auto own = command_help(cmd_spec);
+    EXPECT_EQ(own.rfind("Usage: quorvi-db " + cmd_spec.name, 0), 0u) << own;
+    for (const auto& o : cmd_spec.options) EXPECT_NE(own.find(o.name), std::string::npos) << cmd_spec.name << o.name;
     EXPECT_NE(own.find("--db PATH"), std::string::npos);
   }
   for (const char* code : {"  0  success", "  1  check", "  2  bad argument", "  3  missing file", "  4  locked file",
