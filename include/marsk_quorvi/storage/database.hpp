@@ -161,6 +161,37 @@ class EventLoopThread {
 
 // ------------------------------------------------------------------ Database
 
+namespace detail {
+
+// A shared pointer that threads read and replace without a data race, for
+// the fields that queries read without the connection lock. A reader keeps
+// what it loaded alive while another thread replaces it. (libstdc++'s
+// atomic<shared_ptr> would do the same, but its lock bit is invisible to
+// ThreadSanitizer, which then reports every replacement as a race.)
+template <class T>
+class SharedSlot {
+ public:
+  std::shared_ptr<T> load() const {
+    std::lock_guard lock(mu_);
+    return ptr_;
+  }
+  void store(std::shared_ptr<T> ptr) {
+    // The old value is released outside the mutex: its destructor may close
+    // a connection.
+    exchange(std::move(ptr));
+  }
+  std::shared_ptr<T> exchange(std::shared_ptr<T> ptr) {
+    std::lock_guard lock(mu_);
+    return std::exchange(ptr_, std::move(ptr));
+  }
+
+ private:
+  mutable std::mutex mu_;
+  std::shared_ptr<T> ptr_;
+};
+
+}  // namespace detail
+
 // Thread safety: after `connect()` every operation may be called from any
 // thread. `connect()` itself runs before the handle is shared.
 class Database {
@@ -258,16 +289,16 @@ class Database {
   Compaction _convert_to_incremental(const _Space& space);
   static void _vacuum(Connection& connection);
 
-  // Read without the lock (atomics): _connection, _closed, _readers,
+  // Read without the lock (atomically): _connection, _closed, _readers,
   // _tx_owner. Changed only under _lock, except by connect(), which runs
   // before the handle is shared.
-  std::atomic<std::shared_ptr<Connection>> _connection;
+  detail::SharedSlot<Connection> _connection;
   // The connection lock. Reentrant on purpose: a transaction's owner runs
   // nested scopes, execute and writer-path queries while holding it.
   mutable std::recursive_mutex _lock;
   int _tx_depth = 0;  // guarded by _lock
   std::atomic<bool> _closed{false};
-  std::atomic<std::shared_ptr<ReaderPool>> _readers;
+  detail::SharedSlot<ReaderPool> _readers;
   std::atomic<std::thread::id> _tx_owner{};  // default id: no owner
   std::set<std::string> _compaction_noted;   // guarded by _compaction_noted_mu
   std::mutex _compaction_noted_mu;
