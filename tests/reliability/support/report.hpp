@@ -1,0 +1,40 @@
+// Figures the reliability suite reports: each test appends "key<TAB>value"
+// lines to the file named by QUORVI_RELIABILITY_REPORT (when set), and the
+// suite's runner adds them up. O_APPEND keeps lines from several processes
+// whole.
+#pragma once
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+namespace marsk_quorvi::testing {
+
+inline void report_figure(std::string_view key, std::int64_t value) {
+  const char* target = std::getenv("QUORVI_RELIABILITY_REPORT");
+  if (target == nullptr || *target == '\0') return;
+  const std::string line = std::string(key) + "\t" + std::to_string(value) + "\n";
+  const int fd = ::open(target, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  if (fd < 0) return;
+  [[maybe_unused]] auto written = ::write(fd, line.data(), line.size());
+  ::close(fd);
+}
+
+// QUORVI_RELIABILITY_SCALE=full runs the long versions (hundreds of crashes,
+// longer stress); anything else runs the quick ones that CI can afford.
+inline bool full_scale() {
+  const char* scale = std::getenv("QUORVI_RELIABILITY_SCALE");
+  return scale != nullptr && std::string_view(scale) == "full";
+}
+
+// `quick` in a normal run, `full` under QUORVI_RELIABILITY_SCALE=full.
+template <class T>
+T scaled(T quick, T full) {
+  return full_scale() ? full : quick;
+}
+
+}  // namespace marsk_quorvi::testing
