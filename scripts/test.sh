@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Builds everything and runs the test suite (GoogleTest under ctest).
+# Builds everything and runs the test suite (GoogleTest under ctest), then the
+# quick reliability suite.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh release
-ctest --preset release
+ctest --preset release -LE reliability
+scripts/reliability.sh --quick
