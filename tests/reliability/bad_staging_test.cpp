@@ -267,6 +267,10 @@ TEST_F(BadStaging, IsRefusedAndLeavesLiveIndexStagingFileAndHandleIntact) {
        Outcome::kOperational, fixed("no such column: module")},
       // Cut where SQLite reads a consistent earlier state: the swap is all
       // of that state, never a mix.
+      {"uncheckpointed log cut in half", [&] { return cut_copy(logged, "logged-cut-log.db", std::nullopt, logged_wal_size / 2); },
+       Outcome::kSucceeds, {}},
+      {"uncheckpointed log whole", [&] { return cut_copy(logged, "logged-whole.db", std::nullopt); }, Outcome::kSucceeds,
+       {}},
       {"uncheckpointed log lost", [&] { return cut_copy(logged, "logged-no-log.db", std::nullopt, -1); },
        Outcome::kSucceeds, {}},
       {"valid file at a path with quotes and non-ASCII characters",
