@@ -85,6 +85,22 @@ class KeepStagingLog {
   bool active_ = false;
 };
 
+// Detaches a `stg` that an earlier swap could not detach. A statement still
+// open on the writer connection (a cursor from `execute` is read after the
+// lock is gone) keeps the attached file locked, so that swap's DETACH failed
+// and was let pass; left attached, it would make every later ATTACH fail with
+// "database stg is already in use". Once that statement has ended it goes.
+void detach_leftover_staging(Connection& conn) {
+  bool attached = false;
+  for (const Row& row : conn.execute("PRAGMA database_list").fetchall()) attached = attached || row[1].to_text() == "stg";
+  if (!attached) return;
+  try {
+    conn.execute("DETACH DATABASE stg");
+  } catch (const Error&) {
+    // Still held: the ATTACH below then reports it.
+  }
+}
+
 }  // namespace
 
 // ------------------------------------------------------------------ code_chunks
@@ -138,6 +154,7 @@ RowCounts Database::swap_index_from(const std::filesystem::path& staging_path) {
     // the writer connection ever sees `stg`; the transaction below re-enters it.
     std::lock_guard lock(_lock);
     std::shared_ptr<Connection> conn = connection();
+    detach_leftover_staging(*conn);
     // Declared before the attachment, so it also covers a failed one, and
     // ends after the detachment.
     KeepStagingLog keep_log(conn->handle(), staging_path);

@@ -341,3 +341,45 @@ TEST_F(BadStaging, IsRefusedAndLeavesLiveIndexStagingFileAndHandleIntact) {
 }
 
 }  // namespace
+
+namespace {
+
+using StagingAttachment = BadStaging;
+
+// A cursor from execute may be read after the lock is released, so a
+// statement of another thread can still be open on the writer connection
+// while a swap runs. Its read keeps the staging file locked, the swap fails
+// and its detachment fails with it; the next swap must not find `stg` still
+// attached.
+TEST_F(StagingAttachment, ASwapAfterAFailedDetachmentAttachesAgain) {
+  auto live = open_live("live.db");
+  const auto before = mt::snapshot(*live);
+  const auto good = make_staging("good.db", {.files = 5, .symbols = 10, .chunk_bytes = 16, .tag = "good"});
+  const auto good_content = content_of(good);
+
+  std::promise<void> reading, done_swapping;
+  auto reader = std::async(std::launch::async, [&] {
+    auto cursor = live->execute("SELECT id FROM files ORDER BY id");
+    EXPECT_TRUE(cursor.fetchone().has_value());
+    reading.set_value();
+    done_swapping.get_future().wait();
+    cursor.close();
+  });
+  reading.get_future().wait();
+  try {
+    live->swap_index_from(good);
+    ADD_FAILURE() << "the swap dropped code_chunks under an open statement";
+  } catch (const mq::OperationalError& e) {
+    EXPECT_STREQ(e.what(), "database table is locked");
+  }
+  EXPECT_EQ(mt::snapshot(*live), before);
+  done_swapping.set_value();
+  reader.get();
+
+  EXPECT_EQ(live->swap_index_from(good).at("files"), 5);
+  EXPECT_EQ(index_only(mt::snapshot(*live)), good_content);
+  EXPECT_EQ(live->index_generation(), 8);
+  EXPECT_EQ(attached_files(*live), std::vector<std::string>{"main"});
+}
+
+}  // namespace
