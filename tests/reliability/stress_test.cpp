@@ -177,7 +177,7 @@ TEST_F(ConcurrencyStress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSou
       const int k = std::uniform_int_distribution<int>(1, 4)(rng);
       const std::int64_t tx = (static_cast<std::int64_t>(t) << 32) | ++next_tx;
       try {
-        if (pick < 14) {
+        if (pick < 16) {
           // One statement, one snapshot: never half a swap or half a clear.
           const auto r = *db.fetchone(
               "SELECT (SELECT COUNT(*) FROM files), (SELECT COUNT(*) FROM code_chunks), "
@@ -189,7 +189,7 @@ TEST_F(ConcurrencyStress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSou
           check(file_counts.count(files) == 1, "a file count of no known state: " + r[0].to_text());
           check(r[3].as_int() >= last_generation, "the generation went back to " + r[3].to_text());
           last_generation = r[3].as_int();
-        } else if (pick < 24) {
+        } else if (pick < 27) {
           const auto r = *db.fetchone(
               "SELECT (SELECT commits FROM stress_counter), (SELECT rows FROM stress_counter), "
               "(SELECT COUNT(*) FROM stress_rows), (SELECT COUNT(*) FROM stress_rows WHERE kind = 'doomed')");
@@ -197,23 +197,23 @@ TEST_F(ConcurrencyStress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSou
           check(r[3].as_int() == 0, "rows of a rolled-back transaction are visible");
           check(r[0].as_int() >= last_commits, "the commit counter went back");
           last_commits = r[0].as_int();
-        } else if (pick < 29) {
+        } else if (pick < 32) {
           const auto rows = db.fetchall("SELECT path FROM files ORDER BY id LIMIT 25");
           std::set<std::string> prefixes;
           for (const auto& row : rows) prefixes.insert(row[0].as_text().substr(0, row[0].as_text().find('/')));
           check(prefixes.size() <= 1, "files of two indexes in one result");
-        } else if (pick < 32) {
+        } else if (pick < 35) {
           const auto stats = db.get_stats();
           check(stats.size() == 5, "get_stats returned " + stats.to_string());
           db.get_error_count();
-        } else if (pick < 35) {
+        } else if (pick < 38) {
           // A query through the writer connection, under the lock. (A cursor
           // from execute read after the lock is gone keeps a statement open
           // on the shared connection, which makes other threads' schema
           // changes and vacuum steps fail with "database table is locked";
           // StagingAttachment covers that on its own.)
           check(db.fetchone("PRAGMA page_count").has_value(), "no page count");
-        } else if (pick < 45) {
+        } else if (pick < 48) {
           db.transaction([&](mq::Cursor& c) {
             insert_rows(tx, k, "plain");
             check(own_rows(tx) == k, "a transaction does not see its own rows");
@@ -222,7 +222,7 @@ TEST_F(ConcurrencyStress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSou
           log.committed[tx] = k;
           ++log.commits;
           log.rows += k;
-        } else if (pick < 52) {
+        } else if (pick < 55) {
           // Nested scopes join the outer transaction.
           db.transaction([&](mq::Cursor& c) {
             insert_rows(tx, k, "outer");
@@ -232,7 +232,7 @@ TEST_F(ConcurrencyStress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSou
           log.committed[tx] = k + 2;
           ++log.commits;
           log.rows += k + 2;
-        } else if (pick < 57) {
+        } else if (pick < 60) {
           // An inner failure the outer scope catches: what the inner scope
           // wrote before it failed commits with the rest.
           db.transaction([&](mq::Cursor& c) {
@@ -249,7 +249,7 @@ TEST_F(ConcurrencyStress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSou
           log.committed[tx] = k + 1;
           ++log.commits;
           log.rows += k + 1;
-        } else if (pick < 63) {
+        } else if (pick < 66) {
           // Rolled back on purpose, from the outer or from an inner scope.
           const bool from_inner = pick % 2 == 0;
           try {
@@ -268,7 +268,7 @@ TEST_F(ConcurrencyStress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSou
             fail("a transaction that threw committed");
           } catch (const Deliberate&) {
           }
-        } else if (pick < 72) {
+        } else if (pick < 75) {
           // An error row with the state it committed in.
           RecordedError e{"stress/" + std::to_string(t) + "/" + std::to_string(tx), 0, 0};
           db.transaction([&](mq::Cursor& c) {
@@ -280,14 +280,14 @@ TEST_F(ConcurrencyStress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSou
             e.clears = r[1].as_int();
           });
           log.errors.push_back(e);
-        } else if (pick < 76) {
+        } else if (pick < 79) {
           const std::string p = "loose/" + std::to_string(t) + "/" + std::to_string(tx);
           db.record_error(p, "io_error");
           log.loose_errors.insert(p);
-        } else if (pick < 83) {
+        } else if (pick < 82) {
           db.swap_index_from(stagings[std::uniform_int_distribution<std::size_t>(0, stagings.size() - 1)(rng)]);
           ++log.swaps;
-        } else if (pick < 85) {
+        } else if (pick < 84) {
           db.transaction([&](mq::Cursor& c) {
             db.clear_all();
             c.execute(
