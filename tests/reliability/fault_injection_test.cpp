@@ -104,7 +104,12 @@ std::int64_t pragma_of(st::Database& db, const std::string& name) {
   return (*db.fetchone("PRAGMA " + name))[0].as_int();
 }
 
-std::string journal_mode(st::Database& db) { return (*db.fetchone("PRAGMA journal_mode"))[0].to_text(); }
+// The journal mode of the file: SQLite answers from what the connection last
+// read, so the header is read first.
+std::string journal_mode(st::Database& db) {
+  db.fetchone("PRAGMA schema_version");
+  return (*db.fetchone("PRAGMA journal_mode"))[0].to_text();
+}
 
 std::string describe(const st::Compaction& c) {
   return "Compaction(" + std::string(c.converted ? "true" : "false") + ", " + std::to_string(c.pages_released) +
@@ -611,6 +616,47 @@ TEST_F(FaultInjection, CompactConvertingAFileWithoutAutoVacuum) {
   };
   s.quick_points = 6;
   sweep(s);
+}
+
+// The rewrite's last write is the header change that puts the journal back
+// in WAL mode. When it fails, SQLite still answers "wal" to the journal mode
+// until the connection reads the file again; a read pool opened on that
+// answer would take shared locks on a file in rollback mode.
+TEST_F(FaultInjection, AFailedReturnToWalLeavesNoReadPool) {
+  const auto prepared = prepare_small_pages();
+  const auto work = path("work.db");
+  QuietLog quiet;
+  FaultVfs vfs;
+  std::int64_t writes = 0;
+  {
+    fs::copy_file(prepared, work);
+    FaultDb db(work);
+    db.connect();
+    vfs.reset_counts();
+    db._rewrite_pages();
+    writes = vfs.count(FaultOp::write);
+    db.close();
+  }
+  remove_database(work);
+  fs::copy_file(prepared, work);
+  FaultDb db(work);
+  db.connect();
+  vfs.arm({FaultOp::write, writes, FaultError::io, false});
+  try {
+    db._rewrite_pages();
+    ADD_FAILURE() << "the rewrite did not raise";
+  } catch (const st::OperationalError& e) {
+    EXPECT_STREQ(e.what(), "disk I/O error");
+  }
+  vfs.disarm();
+  ASSERT_EQ(vfs.fired(), 1);
+  EXPECT_EQ(pragma_of(db, "page_size"), st::storage_size::PAGE_SIZE);  // the VACUUM itself committed
+  EXPECT_EQ(journal_mode(db), "delete");
+  EXPECT_TRUE(db._readers.load() == nullptr) << "a read pool on a file in rollback mode";
+  db.close();
+  db.connect();
+  EXPECT_EQ(journal_mode(db), "wal");
+  EXPECT_TRUE(db._readers.load() != nullptr);
 }
 
 }  // namespace
