@@ -82,6 +82,12 @@ void Database::_rewrite_pages() {
     failure = std::current_exception();
   }
   // Also after a failed rewrite: a pool only when the journal is WAL again.
+  // SQLite answers "PRAGMA journal_mode" from what the connection last read:
+  // when the switch back to WAL failed at its commit, it still says "wal"
+  // until the header is read again, and a pool opened on that answer would
+  // hold shared locks on a file in rollback mode. A read first makes the
+  // answer the file's.
+  conn->execute("PRAGMA schema_version").close();
   auto mode_row = conn->execute("PRAGMA journal_mode").fetchone();
   const std::string mode = mode_row ? lower((*mode_row)[0].to_text()) : std::string();
   _readers.store(_open_readers(mode));
