@@ -6,6 +6,7 @@
 #
 #   scripts/reliability.sh           the long run (hundreds of crashes, long stress and fuzzing)
 #   scripts/reliability.sh --quick   the short run that CI does
+#   scripts/reliability.sh --exhaustive   the long run with every fault point visited (hours)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -14,7 +15,8 @@ fuzz_seconds=300
 case "${1:-}" in
   --quick) scale=quick; fuzz_seconds=10 ;;
   ""|--full) ;;
-  *) echo "usage: scripts/reliability.sh [--quick|--full]" >&2; exit 2 ;;
+  --exhaustive) scale=exhaustive; fuzz_seconds=600 ;;
+  *) echo "usage: scripts/reliability.sh [--quick|--full|--exhaustive]" >&2; exit 2 ;;
 esac
 
 report="$(mktemp -d)/reliability.tsv"
