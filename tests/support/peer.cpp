@@ -31,7 +31,8 @@
 //                             be the state its generation implies, and the
 //                             generation must never go down, else it prints
 //                             "violation: ..." and exits with status 1. Ends
-//                             with "observations N generations M"
+//                             with "observations N generations M: G1 G2 ..."
+//                             (the generations it saw)
 #include <chrono>
 #include <cstdio>
 #include <iostream>
@@ -125,7 +126,9 @@ int observe(Database& db, const std::filesystem::path& dir, double seconds, std:
     // Leave the shared cores to the writer between looks.
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
-  std::cout << "observations " << observations << " generations " << seen.size() << std::endl;
+  std::cout << "observations " << observations << " generations " << seen.size() << ":";
+  for (const auto g : seen) std::cout << " " << g;
+  std::cout << std::endl;
   return 0;
 }
 
