@@ -18,6 +18,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "reliability/support/peer_process.hpp"
@@ -232,9 +233,11 @@ TEST_F(CrashTest, KilledSwapLoopLeavesOneWholeStateItsGenerationImplies) {
   std::ostringstream summary;
   summary << "crash test: seed " << seed << ", " << survived << " kills survived, generations up to " << generation
           << " (" << generations.size() << " distinct), aims:";
-  for (const auto& [name, count] : aimed) summary << " " << name << " " << count;
-  summary << "; landed:";
-  for (const auto& [name, count] : landed) summary << " " << name << " " << count << ",";
+  const char* separator = " ";
+  for (const auto& [name, count] : aimed) summary << std::exchange(separator, ", ") << name << " " << count;
+  summary << "; landed in:";
+  separator = " ";
+  for (const auto& [name, count] : landed) summary << std::exchange(separator, ", ") << name << " " << count;
   std::cout << summary.str() << std::endl;
   report_figure("crashes_survived", survived);
   report_figure("processes", kills);
