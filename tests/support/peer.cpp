@@ -21,8 +21,8 @@
 //                             staging number g mod K. Prints "swapping G ->
 //                             G+1 from staging-N" before and "swapped G+1"
 //                             after each swap, and the module's info log
-//                             lines in between; stops after COUNT swaps, or
-//                             never
+//                             lines (from the open on); stops after COUNT
+//                             swaps, or never
 //   peer observe DB DIR SECONDS MIN_GENERATIONS
 //                             opens DB the same way and runs the state query
 //                             over and over for SECONDS, and on until it has
@@ -64,14 +64,16 @@ void log_to_stdout() {
 }
 
 int swap_loop(Database& db, const std::filesystem::path& dir, long long count) {
-  db.create_schema();
-  db.migrate_schema();
   const std::int64_t k = mt::staging_count(dir);
   if (k == 0) {
     std::cerr << "no staging files in " << dir.string() << "\n";
     return 2;
   }
+  // Before the schema steps: "Schema version ..." marks the start of the page
+  // rewrite that an older file gets at open.
   log_to_stdout();
+  db.create_schema();
+  db.migrate_schema();
   std::cout << "ready " << db.index_generation() << std::endl;
   for (long long done = 0; count < 0 || done < count; ++done) {
     const std::int64_t g = db.index_generation();

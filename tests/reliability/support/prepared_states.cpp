@@ -3,6 +3,7 @@
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <stdexcept>
 
 #include "marsk_quorvi/storage/storage_size.hpp"
 
@@ -52,6 +53,23 @@ bool swap_compacts(std::int64_t target) {
   if (target < 2) return false;  // the swap out of the empty index frees nothing
   return state_plan()[static_cast<std::size_t>((target - 2) % k)].large &&
          !state_plan()[static_cast<std::size_t>((target - 1) % k)].large;
+}
+
+void make_small_page_copy(const std::filesystem::path& dir, std::int64_t number, std::int64_t generation,
+                          const std::filesystem::path& live) {
+  for (const char* suffix : {"", "-wal", "-shm", "-journal"}) std::filesystem::remove(live.string() + suffix);
+  std::filesystem::create_directories(live.parent_path());
+  std::filesystem::copy_file(staging_file(dir, number), live);
+  auto conn = st::Connection::open(live.string());
+  // The staging file is in rollback-journal mode, where VACUUM may change
+  // the page size.
+  conn->execute("PRAGMA page_size=4096");
+  conn->execute("VACUUM");
+  conn->execute("PRAGMA user_version=" + std::to_string(generation));
+  conn->execute("PRAGMA journal_mode=WAL").fetchall();
+  const auto size = (*conn->execute("PRAGMA page_size").fetchone())[0].as_int();
+  conn->close();
+  if (size != 4096) throw std::runtime_error("the copy kept pages of " + std::to_string(size) + " bytes");
 }
 
 std::string file_digest(const std::filesystem::path& file) {

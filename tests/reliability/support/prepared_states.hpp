@@ -33,6 +33,12 @@ void prepare_states(const std::filesystem::path& dir);
 // generation to `target`: the state before it was large, the new one is small.
 bool swap_compacts(std::int64_t target);
 
+// Makes `live` a copy of staging number `number` at `generation`, as a file
+// of an older build: pages of 4096 bytes, WAL mode, no -wal or -shm beside.
+// The next open rewrites its pages.
+void make_small_page_copy(const std::filesystem::path& dir, std::int64_t number, std::int64_t generation,
+                          const std::filesystem::path& live);
+
 // A digest of a file's bytes, to show that no swap changed a staging file.
 std::string file_digest(const std::filesystem::path& file);
 
