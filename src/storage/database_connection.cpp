@@ -43,8 +43,9 @@ thread_local int event_loop_depth = 0;
 
 // ------------------------------------------------------------------ reader settings
 
-int reader_count() {
-  const char* raw = std::getenv(_READERS_ENV);
+int reader_count() { return _parse_reader_count(std::getenv(_READERS_ENV)); }
+
+int _parse_reader_count(const char* raw) {
   if (raw == nullptr) return _DEFAULT_READERS;
   std::string_view value = strip(raw);
   if (value.empty()) return _DEFAULT_READERS;

@@ -11,6 +11,8 @@
 
 #include <cerrno>
 
+#include <sqlite3.h>
+
 #include "log.hpp"
 #include "marsk_quorvi/models/symbol.hpp"
 #include "marsk_quorvi/storage/database.hpp"
@@ -55,6 +57,48 @@ std::string column_list(Connection& conn, const char* table) {
   }
   cursor.close();
   return joined;
+}
+
+// A staging file with a write-ahead log beside it is read through that log.
+// When the detachment closes the last connection to it, SQLite would write
+// the log back into the file and delete the log: the file handed over to be
+// read would change under its owner. While such a file is attached, closing
+// it leaves its log alone; the previous setting comes back afterwards.
+class KeepStagingLog {
+ public:
+  KeepStagingLog(sqlite3* db, const std::filesystem::path& staging_path) : db_(db) {
+    std::error_code ec;
+    if (db_ == nullptr || !std::filesystem::exists(staging_path.string() + "-wal", ec)) return;
+    sqlite3_db_config(db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, -1, &previous_);
+    sqlite3_db_config(db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    active_ = true;
+  }
+  ~KeepStagingLog() {
+    if (active_) sqlite3_db_config(db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, previous_, nullptr);
+  }
+  KeepStagingLog(const KeepStagingLog&) = delete;
+  KeepStagingLog& operator=(const KeepStagingLog&) = delete;
+
+ private:
+  sqlite3* db_;
+  int previous_ = 0;
+  bool active_ = false;
+};
+
+// Detaches a `stg` that an earlier swap could not detach. A statement still
+// open on the writer connection (a cursor from `execute` is read after the
+// lock is gone) keeps the attached file locked, so that swap's DETACH failed
+// and was let pass; left attached, it would make every later ATTACH fail with
+// "database stg is already in use". Once that statement has ended it goes.
+void detach_leftover_staging(Connection& conn) {
+  bool attached = false;
+  for (const Row& row : conn.execute("PRAGMA database_list").fetchall()) attached = attached || row[1].to_text() == "stg";
+  if (!attached) return;
+  try {
+    conn.execute("DETACH DATABASE stg");
+  } catch (const Error&) {
+    // Still held: the ATTACH below then reports it.
+  }
 }
 
 }  // namespace
@@ -110,6 +154,10 @@ RowCounts Database::swap_index_from(const std::filesystem::path& staging_path) {
     // the writer connection ever sees `stg`; the transaction below re-enters it.
     std::lock_guard lock(_lock);
     std::shared_ptr<Connection> conn = connection();
+    detach_leftover_staging(*conn);
+    // Declared before the attachment, so it also covers a failed one, and
+    // ends after the detachment.
+    KeepStagingLog keep_log(conn->handle(), staging_path);
     conn->execute("ATTACH DATABASE ? AS stg", {staging_path.string()});
     try {
       // Read before the transaction begins, so that the write transaction

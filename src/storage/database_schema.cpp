@@ -21,11 +21,13 @@ std::string lower(std::string s) {
   return s;
 }
 
+}  // namespace
+
 // The stored form of a stamp: members in ascending key order (std::map keeps
 // UTF-8 byte order, which is code-point order), ", " and ": " as separators,
 // and every character outside ASCII as a \u escape, so the text compares and
 // diffs the same whatever wrote it.
-std::string stamp_json(const ExtractorVersions& versions) {
+std::string _stamp_json(const ExtractorVersions& versions) {
   std::string out = "{";
   bool first = true;
   for (const auto& [language, version] : versions) {
@@ -38,8 +40,6 @@ std::string stamp_json(const ExtractorVersions& versions) {
   out += "}";
   return out;
 }
-
-}  // namespace
 
 // ------------------------------------------------------------------ schema
 
@@ -146,7 +146,7 @@ std::int64_t Database::refresh_extractor_stamp(const ExtractorVersions& versions
     }
     const std::int64_t n = changed.empty() ? 0 : migrations::mark_files_stale(cursor, changed);
     cursor.execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)",
-                   {EXTRACTOR_VERSIONS_KEY, stamp_json(current)});
+                   {EXTRACTOR_VERSIONS_KEY, _stamp_json(current)});
     return n;
   });
   if (marked != 0) {

@@ -66,7 +66,10 @@ std::string quoted_repr(std::string_view text) {
     const std::size_t start = i;
     char32_t cp = 0;
     if (!decode(text, i, cp)) {
-      out += fmt::format("\\x{:02x}", static_cast<unsigned char>(text[i]));
+      // A stray byte is not a character. "\\x85" would read the same as the
+      // control character U+0085, so it is shown as the lone surrogate that
+      // stands for it (U+DC00 + byte), which valid text can never contain.
+      out += fmt::format("\\udc{:02x}", static_cast<unsigned char>(text[i]));
       ++i;
       continue;
     }

@@ -22,7 +22,9 @@ void log(spdlog::level::level_enum level, const char* format, const Args&... arg
 
 // The quoted form of a text for "%r": single quotes (double quotes when the
 // text holds a single quote and no double quote), with backslashes, the quote
-// character and non-printable characters escaped.
+// character and non-printable characters escaped. A byte that is not part
+// of valid UTF-8 is shown as \udcXX (XX its value), so the quoted form
+// always reads back to exactly the bytes it came from.
 std::string quoted_repr(std::string_view text);
 
 // "TypeName: message" of the exception being handled, for a log record that

@@ -111,6 +111,8 @@ using ExtractorVersions = std::map<std::string, std::int64_t>;
 // Size of the read pool from QUORVI_DB_READERS, read at every call: 0 to 32,
 // 6 when unset, blank or not a decimal integer.
 int reader_count();
+// The same rule applied to a raw value (null when the variable is unset).
+int _parse_reader_count(const char* raw);
 // Whether `sql` only reads, so that a read connection may run it.
 bool _is_read_statement(std::string_view sql);
 // Whether a failure on a read connection means the writer has to run it.
@@ -133,6 +135,9 @@ auto _run_query(Connection& connection, std::string_view sql, const Params& para
 // The stored extractor stamp as a map, or none when absent or of an unknown
 // format (which is logged as a warning).
 std::optional<ExtractorVersions> _parse_extractor_stamp(const std::optional<std::string>& raw);
+// The stamp as stored: a JSON object in ascending key order, ", " and ": "
+// as separators, characters outside ASCII as \u escapes.
+std::string _stamp_json(const ExtractorVersions& versions);
 
 // Whether `schema` ("main" or an attached name) has the table code_chunks.
 bool _has_code_chunks(Cursor& cursor, std::string_view schema = "main");

@@ -1,0 +1,78 @@
+// QUORVI_DB_READERS sizes the read pool; a value out of range would open
+// hundreds of connections or none by accident. Properties: the result is
+// always within 0.._MAX_READERS; a value with optional blanks, an optional
+// sign and decimal digits gives that number clamped (a negative one 0, a
+// long one _MAX_READERS, leading zeros harmless); any other value gives
+// _DEFAULT_READERS; and reader_count() reads the variable the same way.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "fuzz_support.hpp"
+#include "marsk_quorvi/storage/database.hpp"
+
+namespace {
+
+namespace st = marsk_quorvi::storage;
+
+constexpr std::string_view kSpace = " \t\n\r\v\f";
+
+// The expected size, computed from the digits as text so that no integer
+// type can overflow.
+int expected(std::string_view raw) {
+  const auto first = raw.find_first_not_of(kSpace);
+  if (first == std::string_view::npos) return st::_DEFAULT_READERS;
+  std::string_view v = raw.substr(first, raw.find_last_not_of(kSpace) - first + 1);
+  bool negative = false;
+  if (v.front() == '+' || v.front() == '-') {
+    negative = v.front() == '-';
+    v.remove_prefix(1);
+  }
+  if (v.empty() || v.find_first_not_of("0123456789") != std::string_view::npos) return st::_DEFAULT_READERS;
+  const auto nonzero = v.find_first_not_of('0');
+  if (nonzero == std::string_view::npos || negative) return 0;
+  const std::string_view digits = v.substr(nonzero);
+  if (digits.size() > 2) return st::_MAX_READERS;
+  const int n = std::stoi(std::string(digits));
+  return n > st::_MAX_READERS ? st::_MAX_READERS : n;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  // An environment value ends at its first NUL.
+  std::string raw(reinterpret_cast<const char*>(data), size);
+  raw.resize(raw.find('\0') == std::string::npos ? raw.size() : raw.find('\0'));
+
+  const int n = st::_parse_reader_count(raw.c_str());
+  FUZZ_CHECK(n >= 0 && n <= st::_MAX_READERS);
+  FUZZ_CHECK(n == expected(raw));
+  FUZZ_CHECK(st::_parse_reader_count(nullptr) == st::_DEFAULT_READERS);
+
+  // Plain digits give their decimal value up to the bound.
+  std::string digits;
+  for (char c : raw) {
+    if (c >= '0' && c <= '9') digits.push_back(c);
+  }
+  if (!digits.empty()) {
+    const int plain = st::_parse_reader_count(digits.c_str());
+    const auto significant = digits.find_first_not_of('0');
+    if (significant == std::string::npos) {
+      FUZZ_CHECK(plain == 0);
+    } else if (digits.size() - significant <= 2) {
+      FUZZ_CHECK(plain == std::min(std::stoi(digits.substr(significant)), st::_MAX_READERS));
+    } else {
+      FUZZ_CHECK(plain == st::_MAX_READERS);
+    }
+    FUZZ_CHECK(st::_parse_reader_count(("-" + digits).c_str()) == 0);
+    FUZZ_CHECK(st::_parse_reader_count((" +" + digits + "\t").c_str()) == plain);
+  }
+
+  ::setenv(st::_READERS_ENV, raw.c_str(), 1);
+  FUZZ_CHECK(st::reader_count() == n);
+  ::unsetenv(st::_READERS_ENV);
+  FUZZ_CHECK(st::reader_count() == st::_DEFAULT_READERS);
+  return 0;
+}
