@@ -1,4 +1,4 @@
-// The peer helper as a child process that a test reads line by line, with a
+// The peer program as a child process that a test reads line by line, with a
 // deadline, and may kill with SIGKILL at a moment of its choosing.
 #pragma once
 
