@@ -156,15 +156,7 @@ void Database::connect() {
   auto conn = Connection::open(db_path.string());
   _connection.store(conn);
   conn->execute("PRAGMA page_size=" + std::to_string(storage_size::PAGE_SIZE));
-  // On a file already in incremental mode the pragma changes nothing but
-  // still writes the mode into the header again: a commit at every open. That
-  // commit ends the snapshot of any transaction in another process that has
-  // read and not yet written (a swap does exactly that), and SQLite then fails
-  // its first write at once with "database is locked", busy time-out or not.
-  // The header is read first, so that the mode the file reports is its own.
-  conn->execute("PRAGMA schema_version").fetchall();
-  const auto auto_vacuum = conn->execute("PRAGMA auto_vacuum").fetchone();
-  if (!auto_vacuum || (*auto_vacuum)[0].as_int() != _AUTO_VACUUM_INCREMENTAL) conn->execute("PRAGMA auto_vacuum=INCREMENTAL");
+  conn->execute("PRAGMA auto_vacuum=INCREMENTAL");
   auto journal = conn->execute("PRAGMA journal_mode=WAL").fetchone();
   conn->execute("PRAGMA foreign_keys=ON");
   conn->execute("PRAGMA synchronous=NORMAL");

@@ -141,6 +141,10 @@ class SwapLoopRun {
       if (live && swap_started_) Durations::learn(durations_.swap, large_state(target_), Millis(now - *swap_started_).count());
       replaced_ = now;
       stage_ = Stage::AfterSwap;
+    } else if (starts_with(line, "refused ")) {
+      // A swap refused by a lock: nothing was committed, the loop tries again.
+      stage_ = Stage::Idle;
+      swap_started_.reset();
     } else if (starts_with(line, "swapped ")) {
       committed_ = std::stoll(line.substr(8));
       if (live && replaced_) Durations::learn(durations_.after, swap_compacts(target_), Millis(now - *replaced_).count());

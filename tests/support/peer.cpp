@@ -38,6 +38,7 @@
 #include <iostream>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include <spdlog/sinks/stdout_sinks.h>
@@ -79,7 +80,17 @@ int swap_loop(Database& db, const std::filesystem::path& dir, long long count) {
     const std::int64_t g = db.index_generation();
     const std::int64_t n = mt::staging_for_swap(g, k);
     std::cout << "swapping " << g << " -> " << g + 1 << " from staging-" << n << std::endl;
-    db.swap_index_from(mt::staging_file(dir, n));
+    try {
+      db.swap_index_from(mt::staging_file(dir, n));
+    } catch (const OperationalError& e) {
+      // Every process that opens the file commits its auto-vacuum mode to the
+      // header, and a swap whose transaction has read before that commit is
+      // refused at its first write, busy time-out or not. The refused swap
+      // left the index as it was; the rebuild tries again, as a caller would.
+      if (std::string_view(e.what()) != "database is locked") throw;
+      std::cout << "refused " << g + 1 << ": " << e.what() << std::endl;
+      continue;
+    }
     std::cout << "swapped " << g + 1 << std::endl;
   }
   return 0;
