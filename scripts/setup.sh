@@ -9,17 +9,8 @@ shift || true
 
 packages=(cmake g++ make libsqlite3-dev nlohmann-json3-dev libspdlog-dev libfmt-dev
           googletest libgtest-dev libgmock-dev libbenchmark-dev universal-ctags)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "installing: ${missing[*]}" >&2
-  sudo_cmd=""
-  [ "$(id -u)" -ne 0 ] && sudo_cmd="sudo"
-  $sudo_cmd apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
-fi
+. scripts/packages.sh
+ensure_packages "${packages[@]}"
 
 cmake --preset "$preset" >/dev/null
 if [ $# -gt 0 ]; then
