@@ -8,6 +8,7 @@
 #include <cmath>
 #include <fstream>
 #include <limits>
+#include <mutex>
 #include <thread>
 
 #include "marsk_quorvi/storage/sqlite.hpp"
@@ -302,3 +303,50 @@ TEST_F(SqliteAccessConcurrency, SharedConnectionServesThreadsInTurn) {
 }
 
 }  // namespace
+
+// A full-text table dropped and re-created by another connection (as a swap
+// does with the chunk text) makes SQLite fail a query that meets the new
+// table's first commit while it loads the schema, with "vtable constructor
+// failed: code_chunks". The statement has done nothing yet, so outside a
+// transaction the access layer prepares it again instead of failing the query.
+// Both ways a query reaches it are raced: a fresh prepare, and a cached
+// statement that SQLite re-prepares on its next step.
+TEST_F(SqliteAccessConcurrency, QueriesSurviveAFullTextTableReplacedByAnotherConnection) {
+  auto writer = mq::Connection::open(path("a.db").string());
+  writer->execute("PRAGMA journal_mode=WAL");
+  writer->execute("PRAGMA synchronous=OFF");
+  writer->execute("CREATE VIRTUAL TABLE code_chunks USING fts5(content)");
+  std::atomic<bool> stop{false};
+  std::atomic<long> queries{0};
+  std::vector<std::string> failures;
+  std::mutex failures_mu;
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 2; ++t) {
+    readers.emplace_back([&, t] {
+      auto reader = mq::Connection::open(path("a.db").string());
+      for (long i = 0; !stop.load(); ++i) {
+        try {
+          // Thread 0 keeps one cached statement; thread 1 also prepares new texts.
+          const std::string sql = t == 0 ? "SELECT count(*) FROM code_chunks"
+                                         : "SELECT count(*) + " + std::to_string(i % 1000) + " FROM code_chunks";
+          reader->execute(sql).fetchall();
+          ++queries;
+        } catch (const mq::Error& e) {
+          std::lock_guard lock(failures_mu);
+          failures.emplace_back(e.what());
+        }
+      }
+    });
+  }
+  for (int i = 0; i < 1500; ++i) {
+    writer->execute("BEGIN");
+    writer->execute("DROP TABLE code_chunks");
+    writer->execute("CREATE VIRTUAL TABLE code_chunks USING fts5(content)");
+    writer->execute("INSERT INTO code_chunks (content) VALUES ('x')");
+    writer->execute("COMMIT");
+  }
+  stop = true;
+  for (auto& r : readers) r.join();
+  EXPECT_GT(queries.load(), 0);
+  EXPECT_TRUE(failures.empty()) << failures.size() << " queries failed, the first with: " << failures.front();
+}

@@ -3,9 +3,10 @@
 #include <sqlite3.h>
 
 #include <cctype>
-#include <list>
 #include <charconv>
 #include <cstring>
+#include <list>
+#include <string_view>
 
 namespace marsk_quorvi::storage {
 
@@ -148,6 +149,22 @@ class DbMutex {
  private:
   sqlite3_mutex* m_;
 };
+
+// A full-text table that another connection drops and re-creates (a swap
+// does so with the chunk text) can be committed between this connection
+// loading the new schema and the table's constructor reading its own
+// configuration; SQLite then fails the statement with "vtable constructor
+// failed: <table>" (code SQLITE_ERROR from a prepare, SQLITE_SCHEMA from the
+// step that prepares a cached statement again) instead of retrying.
+// Nothing has run at that point, so outside a transaction preparing again
+// reads the committed schema afresh. The bound keeps a table that really
+// cannot be constructed from looping.
+constexpr int kSchemaRaceAttempts = 8;
+
+bool lost_schema_race(sqlite3* db, int rc) {
+  return (rc == SQLITE_ERROR || rc == SQLITE_SCHEMA) && sqlite3_get_autocommit(db) != 0 &&
+         std::string_view(sqlite3_errmsg(db)).starts_with("vtable constructor failed: ");
+}
 
 [[noreturn]] void raise_step_error(sqlite3_stmt* stmt, int rc) {
   sqlite3* db = sqlite3_db_handle(stmt);
@@ -318,8 +335,11 @@ detail::StatementPtr Connection::acquire(std::string_view sql) {
   std::string message;
   {
     DbMutex guard(db);
-    rc = sqlite3_prepare_v3(db, s->sql.data(), static_cast<int>(s->sql.size()), SQLITE_PREPARE_PERSISTENT,
-                            &s->stmt, &tail);
+    for (int attempt = 1;; ++attempt) {
+      rc = sqlite3_prepare_v3(db, s->sql.data(), static_cast<int>(s->sql.size()), SQLITE_PREPARE_PERSISTENT,
+                              &s->stmt, &tail);
+      if (rc == SQLITE_OK || attempt == kSchemaRaceAttempts || !lost_schema_race(db, rc)) break;
+    }
     if (rc != SQLITE_OK) message = sqlite3_errmsg(db);
   }
   // Whatever the code, a statement that cannot be prepared is a failure of
@@ -441,12 +461,19 @@ void Cursor::check_open() const {
   if (conn_ && conn_->closed()) throw Error("Cannot operate on a closed database.", SQLITE_MISUSE);
 }
 
-bool Cursor::step_row() {
+bool Cursor::step_row(bool first) {
   sqlite3_stmt* st = stmt_->stmt;
   int rc;
   {
-    DbMutex guard(sqlite3_db_handle(st));
+    sqlite3* db = sqlite3_db_handle(st);
+    DbMutex guard(db);
     rc = sqlite3_step(st);
+    // A cached statement is prepared again inside its first step after a
+    // schema change, where it can lose the same race as a fresh prepare.
+    for (int attempt = 1; first && attempt < kSchemaRaceAttempts && lost_schema_race(db, rc); ++attempt) {
+      sqlite3_reset(st);
+      rc = sqlite3_step(st);
+    }
     if (rc != SQLITE_ROW && rc != SQLITE_DONE) raise_step_error(st, rc);
   }
   if (rc == SQLITE_ROW) return true;
@@ -510,14 +537,14 @@ Cursor& Cursor::execute(std::string_view sql, const Params& params) {
   done_ = false;
   sqlite3* db = sqlite3_db_handle(stmt_->stmt);
   if (stmt_->readonly) {
-    has_pending_ = step_row();
+    has_pending_ = step_row(true);
     return *this;
   }
   // A write runs to completion here so that it is done (and committed, in
   // autocommit mode) before the caller's lock is released.
   {
     DbMutex guard(db);
-    while (step_row()) buffered_.push_back(current_row());
+    for (bool row = step_row(true); row; row = step_row()) buffered_.push_back(current_row());
     if (stmt_->dml) rowcount_ = sqlite3_changes64(db);
   }
   return *this;
@@ -543,7 +570,7 @@ Cursor& Cursor::executemany(std::string_view sql, const std::vector<Params>& par
     bind_all(stmt_->stmt, params);
     done_ = false;
     DbMutex guard(db);
-    while (step_row()) {
+    for (bool row = step_row(true); row; row = step_row()) {
     }
     if (stmt_->dml) total += sqlite3_changes64(db);
   }

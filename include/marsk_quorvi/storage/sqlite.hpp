@@ -166,7 +166,7 @@ class Cursor {
  private:
   friend class Connection;
   explicit Cursor(std::shared_ptr<Connection> conn) : conn_(std::move(conn)) {}
-  bool step_row();  // true when a row is current
+  bool step_row(bool first = false);  // true when a row is current; `first`: the first step after binding
   Row current_row();
   void check_open() const;
 
