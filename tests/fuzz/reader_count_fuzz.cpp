@@ -19,6 +19,9 @@ namespace st = marsk_quorvi::storage;
 
 constexpr std::string_view kSpace = " \t\n\r\v\f";
 
+// Within the reserved capacity, so the environment's pointer stays valid.
+constexpr std::size_t kMaxEnvValue = 8192;
+
 // The expected size, computed from the digits as text so that no integer
 // type can overflow.
 int expected(std::string_view raw) {
@@ -70,9 +73,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FUZZ_CHECK(st::_parse_reader_count((" +" + digits + "\t").c_str()) == plain);
   }
 
-  ::setenv(st::_READERS_ENV, raw.c_str(), 1);
-  FUZZ_CHECK(st::reader_count() == n);
-  ::unsetenv(st::_READERS_ENV);
-  FUZZ_CHECK(st::reader_count() == st::_DEFAULT_READERS);
+  // glibc's setenv keeps every value it was ever given, so millions of
+  // inputs would exhaust memory; one entry owned here is rewritten instead.
+  static std::string entry = [] {
+    std::string e = std::string(st::_READERS_ENV) + "=";
+    e.reserve(e.size() + kMaxEnvValue + 1);
+    return e;
+  }();
+  if (raw.size() <= kMaxEnvValue) {
+    entry.resize(std::string_view(st::_READERS_ENV).size() + 1);
+    entry += raw;
+    ::putenv(entry.data());
+    FUZZ_CHECK(st::reader_count() == n);
+    ::unsetenv(st::_READERS_ENV);
+    FUZZ_CHECK(st::reader_count() == st::_DEFAULT_READERS);
+  }
   return 0;
 }
