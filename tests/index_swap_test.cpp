@@ -38,14 +38,7 @@ class IndexSwap : public mt::TempDirTest {
   // A complete staging file built by the same schema, then changed by `edit`.
   std::filesystem::path make_staging(const std::string& name, const mt::Seed& seed,
                                      const std::function<void(mq::Database&)>& edit = {}) {
-    const auto p = path(name);
-    mq::Database staging(p);
-    staging.connect();
-    staging.create_schema();
-    mt::seed_index(staging, seed);
-    if (edit) edit(staging);
-    staging.close();
-    return p;
+    return mt::make_staging_file(path(name), seed, edit);
   }
 
   Snapshot index_of(const std::filesystem::path& p) {

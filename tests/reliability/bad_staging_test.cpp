@@ -100,14 +100,7 @@ class BadStaging : public mt::TempDirTest {
   // back and removed. `edit` changes it before the close.
   fs::path make_staging(const std::string& name, const mt::Seed& seed,
                         const std::function<void(mq::Database&)>& edit = {}) {
-    const auto p = path(name);
-    mq::Database staging(p);
-    staging.connect();
-    staging.create_schema();
-    mt::seed_index(staging, seed);
-    if (edit) edit(staging);
-    staging.close();
-    return p;
+    return mt::make_staging_file(path(name), seed, edit);
   }
 
   // A staging file whose later rows are only in its write-ahead log: the

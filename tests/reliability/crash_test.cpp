@@ -167,8 +167,7 @@ class SwapLoopRun {
 class CrashTest : public TempDirTest {};
 
 TEST_F(CrashTest, KilledSwapLoopLeavesOneWholeStateItsGenerationImplies) {
-  std::uint32_t seed = std::random_device{}();
-  if (const char* fixed = std::getenv("QUORVI_CRASH_SEED")) seed = static_cast<std::uint32_t>(std::stoul(fixed));
+  const std::uint32_t seed = crash_seed();
   SCOPED_TRACE("QUORVI_CRASH_SEED=" + std::to_string(seed));
   std::mt19937 rng(seed);
   auto uniform = [&](double low, double high) { return std::uniform_real_distribution<double>(low, high)(rng); };
@@ -266,8 +265,7 @@ TEST_F(CrashTest, KilledSwapLoopLeavesOneWholeStateItsGenerationImplies) {
 // and the journal returns to WAL. A kill anywhere in there must leave the file
 // with the state it had, rewritten or not, and the next open finishes the job.
 TEST_F(CrashTest, KilledDuringThePageRewriteAtOpenLeavesTheStateWhole) {
-  std::uint32_t seed = std::random_device{}();
-  if (const char* fixed = std::getenv("QUORVI_CRASH_SEED")) seed = static_cast<std::uint32_t>(std::stoul(fixed));
+  const std::uint32_t seed = crash_seed();
   SCOPED_TRACE("QUORVI_CRASH_SEED=" + std::to_string(seed));
   std::mt19937 rng(seed);
 

@@ -76,8 +76,7 @@ class ProcessesTest : public TempDirTest, public ::testing::WithParamInterface<P
 
 TEST_P(ProcessesTest, ObserversInOtherProcessesSeeOnlyWholeStates) {
   const ProcessCase& c = GetParam();
-  std::uint32_t seed = std::random_device{}();
-  if (const char* fixed = std::getenv("QUORVI_CRASH_SEED")) seed = static_cast<std::uint32_t>(std::stoul(fixed));
+  const std::uint32_t seed = crash_seed();
   SCOPED_TRACE("QUORVI_CRASH_SEED=" + std::to_string(seed));
   std::mt19937 rng(seed);
 

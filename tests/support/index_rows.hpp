@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
+#include <functional>
 #include <map>
 #include <ostream>
 #include <string>
@@ -106,6 +108,19 @@ inline void seed_index(st::Database& db, const Seed& s) {
           {s.tag, s.chunk_bytes / 2});
     }
   });
+}
+
+// A complete staging file built by the same schema and seeded with `seed`,
+// changed by `edit` before it is closed cleanly (WAL written back, log gone).
+inline std::filesystem::path make_staging_file(const std::filesystem::path& p, const Seed& seed,
+                                               const std::function<void(st::Database&)>& edit = {}) {
+  st::Database staging(p);
+  staging.connect();
+  staging.create_schema();
+  seed_index(staging, seed);
+  if (edit) edit(staging);
+  staging.close();
+  return p;
 }
 
 // Every row of the index tables, code_chunks (with rowids) and schema_info,

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <random>
 #include <string>
 #include <string_view>
 
@@ -36,6 +37,13 @@ inline bool exhaustive_scale() {
 inline bool full_scale() {
   const char* scale = std::getenv("QUORVI_RELIABILITY_SCALE");
   return exhaustive_scale() || (scale != nullptr && std::string_view(scale) == "full");
+}
+
+// The seed of a randomised test: QUORVI_CRASH_SEED replays a failed run,
+// whose seed the test prints; otherwise a fresh one.
+inline std::uint32_t crash_seed() {
+  if (const char* fixed = std::getenv("QUORVI_CRASH_SEED")) return static_cast<std::uint32_t>(std::stoul(fixed));
+  return std::random_device{}();
 }
 
 // `quick` in a normal run, `full` in the full and exhaustive ones.
