@@ -22,6 +22,7 @@
 
 #include "harness.hpp"
 #include "marsk_quorvi/storage/database.hpp"
+#include "storage/database_impl.hpp"
 
 namespace fs = std::filesystem;
 namespace mq = marsk_quorvi::storage;
@@ -37,10 +38,7 @@ constexpr std::int64_t kChunks = 250;
 constexpr std::int64_t kDataPagesPerChunk = 64;
 constexpr std::int64_t kFreePagesPerChunk = 256;
 
-struct BenchDb : mq::Database {
-  using Database::Database;
-  using Database::_lock;
-};
+using BenchDb = mq::Database;
 
 // Chunks of data and of soon-free pages, alternating through the file.
 void make_fragmented_file(const fs::path& file) {
@@ -235,7 +233,7 @@ int main(int argc, char** argv) {
   const Run unstepped = measure(unstepped_file, [](BenchDb& db) {
     // The same work in one lock scope: every free page at once, then the
     // checkpoint that shortens the file.
-    std::lock_guard lock(db._lock);
+    std::lock_guard lock(mq::detail::internals(db)._lock);
     auto conn = db.connection();
     conn->execute("PRAGMA incremental_vacuum").fetchall();
     conn->execute("PRAGMA wal_checkpoint(TRUNCATE)").fetchall();

@@ -30,7 +30,7 @@
 
 #include "harness.hpp"
 #include "marsk_quorvi/storage/database.hpp"
-#include "marsk_quorvi/storage/migrations.hpp"
+#include "storage/migrations.hpp"
 
 namespace fs = std::filesystem;
 namespace mq = marsk_quorvi::storage;
@@ -241,7 +241,7 @@ int main(int argc, char** argv) {
     seed(dir / "staging.db", staging_size, "new");
     seed(dir / "live-template.db", live_size, "old");
     std::printf("seeded in %.1fs; staging file %lld MiB\n", seconds_since(seeded),
-                static_cast<long long>(fs::file_size(dir / "staging.db") / mq::_MIB));
+                static_cast<long long>(fs::file_size(dir / "staging.db") / 1048576));
 
     double best_ours = 1e300, best_peer = 1e300;
     std::int64_t peak = -1;

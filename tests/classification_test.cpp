@@ -51,7 +51,7 @@ TEST(ReadStatement, Classification) {
       {"SELEC", false},
   };
   for (const auto& [sql, expected] : cases) {
-    EXPECT_EQ(mq::_is_read_statement(sql), expected) << "sql: '" << sql << "'";
+    EXPECT_EQ(mq::detail::_is_read_statement(sql), expected) << "sql: '" << sql << "'";
   }
 }
 
@@ -65,7 +65,7 @@ TEST(ReaderCannotServe, MessageFragments) {
       {"", false},
   };
   for (const auto& [message, expected] : cases) {
-    EXPECT_EQ(mq::_reader_cannot_serve(mq::OperationalError(message)), expected) << message;
+    EXPECT_EQ(mq::detail::_reader_cannot_serve(mq::OperationalError(message)), expected) << message;
   }
 }
 

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "marsk_quorvi/storage/database.hpp"
-#include "marsk_quorvi/storage/platform.hpp"
+#include "storage/platform.hpp"
 #include "support/page_files.hpp"
 #include "support/test_support.hpp"
 
@@ -57,8 +57,8 @@ std::int64_t size_on_disk(const fs::path& file) { return static_cast<std::int64_
 // Whether another thread can take the connection lock right now.
 bool lock_is_free(SpaceDb& db) {
   return std::async(std::launch::async, [&] {
-           if (!db._lock.try_lock()) return false;
-           db._lock.unlock();
+           if (!db.impl()._lock.try_lock()) return false;
+           db.impl()._lock.unlock();
            return true;
          })
       .get();
@@ -76,7 +76,7 @@ TEST_F(CompactionTest, ThresholdsAtTheirBoundaries) {
   for (const Case& c : {Case{4000, 2047, false}, Case{20480, 2048, true}, Case{20481, 2048, false}}) {
     SCOPED_TRACE(std::to_string(c.free) + " free of " + std::to_string(c.pages));
     const auto file = path("t" + std::to_string(c.pages) + ".db");
-    make_page_file(file, c.pages, c.free, mq::_AUTO_VACUUM_INCREMENTAL);
+    make_page_file(file, c.pages, c.free, mq::detail::kAutoVacuumIncremental);
     auto db = open(file);
     LogCapture log;
     const auto result = db->compact();
@@ -97,7 +97,7 @@ TEST_F(CompactionTest, ThresholdsAtTheirBoundaries) {
 
 TEST_F(CompactionTest, ReleasesInBoundedStepsAndShrinksTheFile) {
   const auto file = path("steps.db");
-  make_page_file(file, 20000, 5000, mq::_AUTO_VACUUM_INCREMENTAL);
+  make_page_file(file, 20000, 5000, mq::detail::kAutoVacuumIncremental);
   const std::int64_t size_before = size_on_disk(file);
   auto db = open(file);
   PageTrace trace(db->connection());
@@ -137,7 +137,7 @@ TEST_F(CompactionTest, FullAutoVacuumFileHasNothingToRelease) {
   // free pages back at the commit that switches it (and at every commit
   // after), so a compaction finds nothing, runs no step and logs nothing.
   const auto file = path("full.db");
-  make_page_file(file, 4101, 2048, mq::_AUTO_VACUUM_INCREMENTAL);
+  make_page_file(file, 4101, 2048, mq::detail::kAutoVacuumIncremental);
   auto db = open(file);
   ASSERT_EQ(run_peer({"exec", file.string(), "PRAGMA auto_vacuum=FULL"}).status, 0);
   PageTrace trace(db->connection());
@@ -146,7 +146,7 @@ TEST_F(CompactionTest, FullAutoVacuumFileHasNothingToRelease) {
   trace.stop();
   EXPECT_EQ(trace.count(kStep), 0);
   EXPECT_TRUE(log.records().empty());
-  const auto space = SpaceDb::_space(*db->connection());
+  const auto space = marsk_quorvi::storage::detail::DatabaseImpl::_space(*db->connection());
   EXPECT_EQ(space.mode, 1);
   EXPECT_EQ(space.free, 0);
 }
@@ -216,7 +216,7 @@ const Refusal kRefusals[] = {
     {"CorruptFreeList", "failed",
      [](const fs::path& dir) {
        const auto file = dir / "corrupt.db";
-       make_page_file(file, 2101, 2048, mq::_AUTO_VACUUM_INCREMENTAL);
+       make_page_file(file, 2101, 2048, mq::detail::kAutoVacuumIncremental);
        patch_u32(file, 32, 999999);  // first free-list trunk page: far past the end
        Situation s{connected(file), "failed: database disk image is malformed", spdlog::level::warn,
                    "Error: database disk image is malformed"};
@@ -225,7 +225,7 @@ const Refusal kRefusals[] = {
     {"FileStatusFails", "failed",
      [](const fs::path& dir) {
        const auto file = dir / "nostat.db";
-       make_page_file(file, 2101, 2048, mq::_AUTO_VACUUM_INCREMENTAL);
+       make_page_file(file, 2101, 2048, mq::detail::kAutoVacuumIncremental);
        const std::string error = "[Errno 13] Permission denied: '" + file.string() + "'";
        Situation s{connected(file), "failed: " + error, spdlog::level::warn, "OSError: " + error};
        s.keep.push_back(std::make_shared<platform::ScopedOverride>(
@@ -239,7 +239,7 @@ const Refusal kRefusals[] = {
        // A sparse file whose header claims 150000 pages, 15000 of them free:
        // 135000 pages of data, about 1054 MiB, and almost no disk used.
        const auto file = dir / "large.db";
-       make_page_file(file, 2100, 2048, mq::_AUTO_VACUUM_NONE);
+       make_page_file(file, 2100, 2048, mq::detail::kAutoVacuumNone);
        patch_u32(file, 28, 150000);
        patch_u32(file, 36, 15000);
        fs::resize_file(file, 150000 * 8192);
@@ -250,14 +250,14 @@ const Refusal kRefusals[] = {
     {"NoReadPool", "readers",
      [](const fs::path& dir) {
        const auto file = dir / "noreaders.db";
-       make_page_file(file, 2100, 2048, mq::_AUTO_VACUUM_NONE);
+       make_page_file(file, 2100, 2048, mq::detail::kAutoVacuumNone);
        ScopedEnv readers("QUORVI_DB_READERS", "0");
        return Situation{connected(file), "no read connections: a query would wait for the lock the conversion holds"};
      }},
     {"DiskTooFull", "disk",
      [](const fs::path& dir) {
        const auto file = dir / "disk.db";
-       make_page_file(file, 2100, 2048, mq::_AUTO_VACUUM_NONE);
+       make_page_file(file, 2100, 2048, mq::detail::kAutoVacuumNone);
        // 52 pages of data: twice that plus the margin is 64.8 MiB.
        Situation s{connected(file), "not enough disk space: 10 MiB free in " + dir.string() + ", 64 MiB needed"};
        s.keep.push_back(std::make_shared<ScopedEnv>("SQLITE_TMPDIR", dir.string()));
@@ -284,11 +284,11 @@ TEST_P(CompactionRefusal, ReportedOnceAtItsLevelThenAtDebug) {
     EXPECT_TRUE(lock_is_free(*s.db));
   }
   {
-    std::lock_guard noted(s.db->_compaction_noted_mu);
-    EXPECT_EQ(s.db->_compaction_noted, (std::set<std::string>{GetParam().kind}));
+    std::lock_guard noted(s.db->impl()._compaction_noted_mu);
+    EXPECT_EQ(s.db->impl()._compaction_noted, (std::set<std::string>{GetParam().kind}));
   }
   // None of these is a failed conversion: each is judged again next time.
-  EXPECT_FALSE(s.db->_conversion_failed.load());
+  EXPECT_FALSE(s.db->impl()._conversion_failed.load());
   if (size_before >= 0) EXPECT_EQ(size_on_disk(s.db->db_path), size_before);
 }
 
@@ -299,14 +299,14 @@ INSTANTIATE_TEST_SUITE_P(Kinds, CompactionRefusal, ::testing::ValuesIn(kRefusals
 
 TEST_F(CompactionTest, ConvertsOnceThenReleasesInSteps) {
   const auto file = path("legacy.db");
-  make_page_file(file, 4551, 2048, mq::_AUTO_VACUUM_NONE);  // 2500 pages of data
+  make_page_file(file, 4551, 2048, mq::detail::kAutoVacuumNone);  // 2500 pages of data
   const std::int64_t size_before = size_on_disk(file);
   auto db = open(file);
   LogCapture log;
 
   const auto converted = db->compact();
-  const auto after = SpaceDb::_space(*db->connection());
-  EXPECT_EQ(after.mode, mq::_AUTO_VACUUM_INCREMENTAL);
+  const auto after = marsk_quorvi::storage::detail::DatabaseImpl::_space(*db->connection());
+  EXPECT_EQ(after.mode, mq::detail::kAutoVacuumIncremental);
   EXPECT_EQ(after.free, 0);
   // The drop in the page count, which is not the free count: the rewrite
   // also adds the pointer-map pages incremental mode needs.
@@ -332,7 +332,7 @@ TEST_F(CompactionTest, ConvertsOnceThenReleasesInSteps) {
   trace.stop();
   EXPECT_EQ(trace.count("VACUUM"), 0);
   EXPECT_EQ(trace.steps(kStep), (std::vector<std::int64_t>{1024, 1024, freed - 2048}));
-  EXPECT_FALSE(db->_conversion_failed.load());
+  EXPECT_FALSE(db->impl()._conversion_failed.load());
 }
 
 TEST_F(CompactionTest, ConversionSizeLimitAtItsBoundary) {
@@ -341,7 +341,7 @@ TEST_F(CompactionTest, ConversionSizeLimitAtItsBoundary) {
                                  platform::FileStatusFn{});
   struct Case {
     const char* name;
-    mq::_Space space;  // what the caller measured
+    mq::detail::Space space;  // what the caller measured
     std::optional<std::string> refused;
   };
   const std::string tail = " MiB of data, the limit is 1024 MiB; its free pages stay until the index file is rebuilt";
@@ -353,53 +353,53 @@ TEST_F(CompactionTest, ConversionSizeLimitAtItsBoundary) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const auto file = path(std::string(c.name) + ".db");
-    make_page_file(file, 2100, 2048, mq::_AUTO_VACUUM_NONE);
+    make_page_file(file, 2100, 2048, mq::detail::kAutoVacuumNone);
     auto db = open(file);
     LogCapture log;
-    const auto first = db->_convert_to_incremental(c.space);
-    const auto mode = SpaceDb::_space(*db->connection()).mode;
+    const auto first = db->impl()._convert_to_incremental(c.space);
+    const auto mode = marsk_quorvi::storage::detail::DatabaseImpl::_space(*db->connection()).mode;
     if (!c.refused) {
       EXPECT_TRUE(first.converted);
       EXPECT_EQ(first.pages_released, c.space.pages - pragma(*db, "page_count"));
-      EXPECT_EQ(mode, mq::_AUTO_VACUUM_INCREMENTAL);
+      EXPECT_EQ(mode, mq::detail::kAutoVacuumIncremental);
       continue;
     }
     EXPECT_EQ(first, (mq::Compaction{false, 0, *c.refused}));
-    EXPECT_EQ(mode, mq::_AUTO_VACUUM_NONE);
+    EXPECT_EQ(mode, mq::detail::kAutoVacuumNone);
     // Judged afresh every time, logged at DEBUG after the first.
-    EXPECT_EQ(db->_convert_to_incremental(c.space), first);
+    EXPECT_EQ(db->impl()._convert_to_incremental(c.space), first);
     EXPECT_EQ(log.records(), (std::vector<LogRecord>{{spdlog::level::info, skip_line(*db, *c.refused)},
                                                       {spdlog::level::debug, skip_line(*db, *c.refused)}}));
-    EXPECT_FALSE(db->_conversion_failed.load());
+    EXPECT_FALSE(db->impl()._conversion_failed.load());
   }
 }
 
 TEST_F(CompactionTest, FileConvertedByAnotherProcessMeanwhile) {
   const auto file = path("raced.db");
-  make_page_file(file, 2100, 2048, mq::_AUTO_VACUUM_NONE);
+  make_page_file(file, 2100, 2048, mq::detail::kAutoVacuumNone);
   auto db = open(file);
-  const auto measured = SpaceDb::_space(*db->connection());
-  ASSERT_EQ(measured.mode, mq::_AUTO_VACUUM_NONE);
+  const auto measured = marsk_quorvi::storage::detail::DatabaseImpl::_space(*db->connection());
+  ASSERT_EQ(measured.mode, mq::detail::kAutoVacuumNone);
   // The other process's handle asks for incremental mode at connect; its
   // VACUUM applies it.
   ASSERT_EQ(run_peer({"exec", file.string(), "VACUUM"}).status, 0);
   LogCapture log;
-  EXPECT_EQ(db->_convert_to_incremental(measured), mq::Compaction{});
+  EXPECT_EQ(db->impl()._convert_to_incremental(measured), mq::Compaction{});
   EXPECT_TRUE(log.records().empty());
-  EXPECT_FALSE(db->_conversion_failed.load());
-  EXPECT_EQ(SpaceDb::_space(*db->connection()).mode, mq::_AUTO_VACUUM_INCREMENTAL);
+  EXPECT_FALSE(db->impl()._conversion_failed.load());
+  EXPECT_EQ(marsk_quorvi::storage::detail::DatabaseImpl::_space(*db->connection()).mode, mq::detail::kAutoVacuumIncremental);
 }
 
 TEST_F(CompactionTest, FailedRewriteIsNotRetried) {
   const auto file = path("broken.db");
-  make_page_file(file, 2100, 2048, mq::_AUTO_VACUUM_NONE);
+  make_page_file(file, 2100, 2048, mq::detail::kAutoVacuumNone);
   std::fstream(file, std::ios::in | std::ios::out | std::ios::binary).seekp(8192).put('\x07');  // root of bulk
   auto db = open(file);
   LogCapture log;
 
   const std::string error = "database disk image is malformed";
   EXPECT_EQ(db->compact(), (mq::Compaction{false, 0, "failed: " + error}));
-  EXPECT_TRUE(db->_conversion_failed.load());
+  EXPECT_TRUE(db->impl()._conversion_failed.load());
   const std::string again = "an earlier conversion failed or changed nothing: not retried";
   PageTrace trace(db->connection());
   for (int i = 0; i < 2; ++i) EXPECT_EQ(db->compact(), (mq::Compaction{false, 0, again}));
@@ -410,7 +410,7 @@ TEST_F(CompactionTest, FailedRewriteIsNotRetried) {
                                     {spdlog::level::debug, skip_line(*db, again)},
                                     {spdlog::level::debug, skip_line(*db, again)}}));
   // The failed rewrite changed nothing.
-  EXPECT_EQ(SpaceDb::_space(*db->connection()), (mq::_Space{0, 2100, 2048, 8192}));
+  EXPECT_EQ(marsk_quorvi::storage::detail::DatabaseImpl::_space(*db->connection()), (mq::detail::Space{0, 2100, 2048, 8192}));
   // A new handle, as at the next start, tries again.
   db->close();
   SpaceDb next(file);
@@ -422,7 +422,7 @@ TEST_F(CompactionTest, FailedRewriteIsNotRetried) {
 
 TEST_F(CompactionTest, ReadersNeverWaitForAStep) {
   const auto file = path("busy.db");
-  make_page_file(file, 4101, 2048, mq::_AUTO_VACUUM_INCREMENTAL);
+  make_page_file(file, 4101, 2048, mq::detail::kAutoVacuumIncremental);
   auto db = open(file);
   std::atomic<int> steps{0};
   std::atomic<bool> lock_held{false};
@@ -450,7 +450,7 @@ TEST_F(CompactionTest, ReadersNeverWaitForAStep) {
 
 TEST_F(CompactionTest, CloseBetweenStepsEndsTheLoopQuietly) {
   const auto file = path("closing.db");
-  make_page_file(file, 12000, 5000, mq::_AUTO_VACUUM_INCREMENTAL);
+  make_page_file(file, 12000, 5000, mq::detail::kAutoVacuumIncremental);
   auto db = open(file);
   std::future<void> closer;
   PageTrace trace(db->connection(), [&](const std::string& sql) {
@@ -471,7 +471,7 @@ TEST_F(CompactionTest, CloseBetweenStepsEndsTheLoopQuietly) {
 
 TEST_F(CompactionTest, ConcurrentCompactionsCountEachPageOnce) {
   const auto file = path("shared.db");
-  make_page_file(file, 12000, 5000, mq::_AUTO_VACUUM_INCREMENTAL);
+  make_page_file(file, 12000, 5000, mq::detail::kAutoVacuumIncremental);
   auto db = open(file);
   std::vector<std::future<mq::Compaction>> calls;
   for (int i = 0; i < 3; ++i) calls.push_back(std::async(std::launch::async, [&] { return db->compact(); }));
@@ -488,7 +488,7 @@ TEST_F(CompactionTest, ConcurrentCompactionsCountEachPageOnce) {
 
 TEST_F(CompactionTest, ConcurrentConversionsRewriteOnce) {
   const auto file = path("twice.db");
-  make_page_file(file, 2100, 2048, mq::_AUTO_VACUUM_NONE);
+  make_page_file(file, 2100, 2048, mq::detail::kAutoVacuumNone);
   auto db = open(file);
   LogCapture log;
   std::vector<std::future<mq::Compaction>> calls;
@@ -522,8 +522,8 @@ TEST_F(CompactionTest, ConcurrentReportsKeepTheNotedKindsIntact) {
   }
   for (auto& t : threads) t.join();
   {
-    std::lock_guard noted(db->_compaction_noted_mu);
-    EXPECT_EQ(db->_compaction_noted, (std::set<std::string>{"closed", "loop"}));
+    std::lock_guard noted(db->impl()._compaction_noted_mu);
+    EXPECT_EQ(db->impl()._compaction_noted, (std::set<std::string>{"closed", "loop"}));
   }
   const auto records = log.records();
   EXPECT_EQ(records.size(), static_cast<std::size_t>(kThreads * kCalls));
@@ -537,7 +537,7 @@ TEST_F(CompactionTest, ConcurrentReportsKeepTheNotedKindsIntact) {
 
 TEST_F(CompactionTest, ReaderInAnotherProcessHoldsTheCheckpoint) {
   const auto file = path("held.db");
-  make_page_file(file, 2101, 2048, mq::_AUTO_VACUUM_INCREMENTAL);
+  make_page_file(file, 2101, 2048, mq::detail::kAutoVacuumIncremental);
   auto db = open(file);
   BackgroundPeer peer({"snapshot", file.string(), "60"});
   ASSERT_EQ(peer.first_line(), "ready");

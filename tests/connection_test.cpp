@@ -21,14 +21,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-struct TestDb : mq::Database {
-  using Database::Database;
-  using Database::_count;
-  using Database::_open_readers;
-  using Database::_readers;
-  using Database::_tx_depth;
-  using Database::_tx_owner;
-};
+using TestDb = marsk_quorvi::testing::TestDb;
 
 std::int64_t pragma(mq::Database& db, const std::string& name) {
   return db.fetchone("PRAGMA " + name).value()[0].as_int();
@@ -36,7 +29,7 @@ std::int64_t pragma(mq::Database& db, const std::string& name) {
 
 class DatabaseLifecycle : public TempDirTest {
  protected:
-  ScopedEnv readers_{mq::_READERS_ENV, std::nullopt};
+  ScopedEnv readers_{mq::detail::kReadersEnv, std::nullopt};
 };
 
 TEST_F(DatabaseLifecycle, OperationsWithoutWriterConnectionRaiseRuntimeError) {
@@ -47,7 +40,7 @@ TEST_F(DatabaseLifecycle, OperationsWithoutWriterConnectionRaiseRuntimeError) {
       {"transaction", [](TestDb& db) { db.transaction([](mq::Cursor&) {}); }},
       {"fetchone", [](TestDb& db) { db.fetchone("SELECT 1"); }},
       {"fetchall", [](TestDb& db) { db.fetchall("SELECT 1"); }},
-      {"_count", [](TestDb& db) { db._count("SELECT 1"); }},
+      {"_count", [](TestDb& db) { db.impl()._count("SELECT 1"); }},
   };
   auto expect_message = [](TestDb& db, const std::function<void(TestDb&)>& op, const char* what, const char* message) {
     try {
@@ -58,13 +51,13 @@ TEST_F(DatabaseLifecycle, OperationsWithoutWriterConnectionRaiseRuntimeError) {
     } catch (const std::exception& e) {
       ADD_FAILURE() << what << " raised another error: " << e.what();
     }
-    EXPECT_EQ(db._tx_depth, 0) << what;
-    EXPECT_EQ(db._tx_owner.load(), std::thread::id()) << what;
+    EXPECT_EQ(db.impl()._tx_depth, 0) << what;
+    EXPECT_EQ(db.impl()._tx_owner.load(), std::thread::id()) << what;
   };
   // With a pool the closed pool refuses the lease and the writer path meets
   // the closed handle; without one the writer path meets it directly.
   for (const char* readers : {"4", "0"}) {
-    ScopedEnv env(mq::_READERS_ENV, readers);
+    ScopedEnv env(mq::detail::kReadersEnv, readers);
     for (const auto& [what, op] : operations) {
       TestDb db(path(std::string("db-") + readers + "-" + what + ".db"));
       expect_message(db, op, what, "Database not connected. Call connect() first.");
@@ -85,7 +78,7 @@ TEST_F(DatabaseLifecycle, ClosedAndReconnect) {
   db.connect();
   EXPECT_FALSE(db.closed());
   auto first = db.connection();
-  auto first_pool = db._readers.load();
+  auto first_pool = db.impl()._readers.load();
   ASSERT_TRUE(first_pool);
   db.execute("CREATE TABLE t (v)");
   db.execute("INSERT INTO t (v) VALUES (1)");
@@ -94,7 +87,7 @@ TEST_F(DatabaseLifecycle, ClosedAndReconnect) {
   EXPECT_TRUE(db.closed());
   EXPECT_TRUE(first->closed());
   EXPECT_TRUE(first_pool->closed());
-  EXPECT_EQ(db._readers.load(), first_pool);  // still the closed pool
+  EXPECT_EQ(db.impl()._readers.load(), first_pool);  // still the closed pool
   db.close();  // again: harmless
   EXPECT_TRUE(db.closed());
 
@@ -102,20 +95,20 @@ TEST_F(DatabaseLifecycle, ClosedAndReconnect) {
   EXPECT_FALSE(db.closed());
   EXPECT_NE(db.connection(), first);
   EXPECT_FALSE(db.connection()->closed());
-  ASSERT_TRUE(db._readers.load());
-  EXPECT_NE(db._readers.load(), first_pool);
-  EXPECT_EQ(db._count("SELECT count(*) FROM t"), 1);
+  ASSERT_TRUE(db.impl()._readers.load());
+  EXPECT_NE(db.impl()._readers.load(), first_pool);
+  EXPECT_EQ(db.impl()._count("SELECT count(*) FROM t"), 1);
 }
 
 TEST_F(DatabaseLifecycle, SecondConnectReplacesConnectionAndPool) {
   TestDb db(path("index.db"));
   db.connect();
-  auto old_pool = db._readers.load();
+  auto old_pool = db.impl()._readers.load();
   std::weak_ptr<mq::Connection> old_conn = db.connection();
   db.connect();
   EXPECT_TRUE(old_pool->closed());
   EXPECT_TRUE(old_conn.expired());  // released, and with it closed
-  EXPECT_NE(db._readers.load(), old_pool);
+  EXPECT_NE(db.impl()._readers.load(), old_pool);
 }
 
 TEST_F(DatabaseLifecycle, NewFileInMissingDirectoriesGetsStoragePageSizeAndIncrementalAutoVacuum) {
@@ -133,7 +126,7 @@ TEST_F(DatabaseLifecycle, NewFileInMissingDirectoriesGetsStoragePageSizeAndIncre
   // What the file itself records, read by a plain connection.
   auto raw = mq::Connection::open(file.string());
   EXPECT_EQ(raw->execute("PRAGMA page_size").fetchone().value()[0].as_int(), mq::storage_size::PAGE_SIZE);
-  EXPECT_EQ(raw->execute("PRAGMA auto_vacuum").fetchone().value()[0].as_int(), mq::_AUTO_VACUUM_INCREMENTAL);
+  EXPECT_EQ(raw->execute("PRAGMA auto_vacuum").fetchone().value()[0].as_int(), mq::detail::kAutoVacuumIncremental);
 }
 
 TEST_F(DatabaseLifecycle, ExistingFileKeepsItsPageSizeAndVacuumMode) {
@@ -148,7 +141,7 @@ TEST_F(DatabaseLifecycle, ExistingFileKeepsItsPageSizeAndVacuumMode) {
   mq::Database db(file);
   db.connect();
   EXPECT_EQ(pragma(db, "page_size"), 4096);
-  EXPECT_EQ(pragma(db, "auto_vacuum"), mq::_AUTO_VACUUM_NONE);
+  EXPECT_EQ(pragma(db, "auto_vacuum"), mq::detail::kAutoVacuumNone);
   EXPECT_EQ(db.fetchone("PRAGMA journal_mode").value()[0].as_text(), "wal");
   EXPECT_EQ(db.fetchone("SELECT v FROM t").value()[0].as_text(), "old");
 }
@@ -160,17 +153,17 @@ TEST_F(DatabaseLifecycle, ReadPoolOnlyInWalModeWithReaders) {
     std::optional<std::string> readers;
     int pool_size;  // 0: no pool
   } cases[] = {
-      {"file, default size", path("a.db").string(), std::nullopt, mq::_DEFAULT_READERS},
+      {"file, default size", path("a.db").string(), std::nullopt, mq::detail::kDefaultReaders},
       {"file, three readers", path("b.db").string(), "3", 3},
       {"file, no readers", path("c.db").string(), "0", 0},
       {"in memory", ":memory:", std::nullopt, 0},
       {"temporary file: WAL refused", "", std::nullopt, 0},
   };
   for (const auto& c : cases) {
-    ScopedEnv env(mq::_READERS_ENV, c.readers);
+    ScopedEnv env(mq::detail::kReadersEnv, c.readers);
     TestDb db(c.file);
     db.connect();
-    auto pool = db._readers.load();
+    auto pool = db.impl()._readers.load();
     if (c.pool_size == 0) {
       EXPECT_FALSE(pool) << c.label;
     } else {
@@ -180,7 +173,7 @@ TEST_F(DatabaseLifecycle, ReadPoolOnlyInWalModeWithReaders) {
     // Without a pool every query still works, on the writer connection.
     db.execute("CREATE TABLE t (v)");
     db.execute("INSERT INTO t (v) VALUES (1)");
-    EXPECT_EQ(db._count("SELECT count(*) FROM t"), 1) << c.label;
+    EXPECT_EQ(db.impl()._count("SELECT count(*) FROM t"), 1) << c.label;
     db.close();
   }
 }
@@ -209,7 +202,7 @@ class DatabaseLifecycleConcurrency : public TempDirTest {};
 
 TEST_F(DatabaseLifecycleConcurrency, CloseWaitsForAnotherThreadsTransaction) {
   for (const char* readers : {"4", "0"}) {
-    ScopedEnv env(mq::_READERS_ENV, readers);
+    ScopedEnv env(mq::detail::kReadersEnv, readers);
     const auto file = path(std::string("index-") + readers + ".db");
     mq::Database db(file);
     db.connect();
@@ -237,7 +230,7 @@ TEST_F(DatabaseLifecycleConcurrency, CloseWaitsForAnotherThreadsTransaction) {
 }
 
 TEST_F(DatabaseLifecycleConcurrency, QueriesFromManyThreadsWhileClosing) {
-  ScopedEnv env(mq::_READERS_ENV, "2");
+  ScopedEnv env(mq::detail::kReadersEnv, "2");
   mq::Database db(path("index.db"));
   db.connect();
   db.execute("CREATE TABLE t (v)");

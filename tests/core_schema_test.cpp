@@ -6,7 +6,7 @@
 #include <string>
 
 #include "marsk_quorvi/storage/core_schema.hpp"
-#include "marsk_quorvi/storage/migrations.hpp"
+#include "storage/migrations.hpp"
 #include "marsk_quorvi/storage/sqlite.hpp"
 #include "support/test_support.hpp"
 

@@ -179,7 +179,7 @@ TEST_F(Health, FailuresReachTheCaller) {
   };
   const Op ops[] = {
       {"get_stats", [&] { db->get_stats(); }},
-      {"check_integrity", [&] { db->check_integrity(); }},
+      {"check_integrity", [&] { (void)db->check_integrity(); }},
       {"record_error", [&] { db->record_error("a.py", "io_error"); }},
       {"clear_file_errors", [&] { db->clear_file_errors("a.py"); }},
       {"get_error_count", [&] { db->get_error_count(); }},

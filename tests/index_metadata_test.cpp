@@ -17,10 +17,7 @@ using marsk_quorvi::testing::run_peer;
 
 namespace {
 
-struct TestDb : mq::Database {
-  using Database::Database;
-  using Database::_bump_index_generation;
-};
+using TestDb = marsk_quorvi::testing::TestDb;
 
 class IndexMetadata : public marsk_quorvi::testing::TempDirTest {
  protected:
@@ -71,12 +68,12 @@ TEST_F(IndexMetadata, CommittedBumpIsSeenByAnotherProcessAndARolledBackOneIsNot)
   EXPECT_EQ(db->index_generation(), 0);
   EXPECT_EQ(peer_generation(), "0\n");
 
-  db->transaction([&](mq::Cursor& c) { db->_bump_index_generation(&c); });
+  db->transaction([&](mq::Cursor& c) { db->impl()._bump_index_generation(&c); });
   EXPECT_EQ(db->index_generation(), 1);
   EXPECT_EQ(peer_generation(), "1\n");
 
   EXPECT_THROW(db->transaction([&](mq::Cursor& c) {
-    db->_bump_index_generation(&c);
+    db->impl()._bump_index_generation(&c);
     // The owner reads its own uncommitted bump; another thread sees the
     // committed value, without waiting for this transaction.
     EXPECT_EQ(db->index_generation(), 2);
@@ -88,7 +85,7 @@ TEST_F(IndexMetadata, CommittedBumpIsSeenByAnotherProcessAndARolledBackOneIsNot)
   EXPECT_EQ(peer_generation(), "1\n");
 
   // Without a cursor the bump commits at once.
-  db->_bump_index_generation();
+  db->impl()._bump_index_generation();
   EXPECT_EQ(peer_generation(), "2\n");
 }
 
@@ -124,7 +121,7 @@ TEST_F(IndexMetadata, StoredStampShapes) {
   };
   for (const auto& c : cases) {
     LogCapture log;
-    EXPECT_EQ(mq::_parse_extractor_stamp(c.raw), c.parsed) << c.raw.value_or("<none>");
+    EXPECT_EQ(mq::detail::_parse_extractor_stamp(c.raw), c.parsed) << c.raw.value_or("<none>");
     std::vector<LogRecord> expected;
     if (c.warning) expected.push_back({spdlog::level::warn, *c.warning});
     EXPECT_EQ(log.records(), expected) << c.raw.value_or("<none>");

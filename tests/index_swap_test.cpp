@@ -105,7 +105,6 @@ TEST_F(IndexSwap, SwapReplacesTheIndexTablesAndNothingElse) {
   const mq::RowCounts expected{{"components", 1},       {"files", 20},       {"symbols", 50},     {"edges", 30},
                                {"external_imports", 2}, {"index_errors", 2}, {"code_chunks", 20}};
   EXPECT_EQ(counts, expected);
-  EXPECT_EQ(counts.keys(), expected.keys());
   auto live = mt::snapshot(*db);
   EXPECT_EQ(live["generation"], std::vector<std::string>{"6"});
   live.erase("schema_info");
@@ -164,7 +163,7 @@ TEST_F(IndexSwap, CodeChunksFollowWhatEachFileHas) {
 
     const bool copied = c.live_has && c.staging_has;
     EXPECT_EQ(counts.contains("code_chunks"), copied);
-    EXPECT_EQ(counts.keys().back(), copied ? "code_chunks" : "index_errors");
+    EXPECT_EQ(std::prev(counts.end())->first, copied ? "code_chunks" : "index_errors");
     EXPECT_EQ(mt::has_table(*db, "code_chunks"), c.live_has);
     if (copied) {
       EXPECT_EQ(counts.at("code_chunks"), 9);

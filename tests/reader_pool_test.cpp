@@ -10,7 +10,7 @@
 #include <set>
 #include <thread>
 
-#include "marsk_quorvi/storage/reader_pool.hpp"
+#include "storage/reader_pool.hpp"
 #include "support/test_support.hpp"
 
 namespace mq = marsk_quorvi::storage;

@@ -19,13 +19,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-struct TestDb : mq::Database {
-  using Database::Database;
-  using Database::_count;
-  using Database::_lock;
-  using Database::_readers;
-  using Database::_readers_for;
-};
+using TestDb = marsk_quorvi::testing::TestDb;
 
 // Long enough that a query which should return at once but hangs fails the
 // test instead of blocking the suite.
@@ -47,13 +41,13 @@ class Routing : public TempDirTest {
   }
   long on_writer(const std::string& sql) const { return trace->count(sql); }
 
-  ScopedEnv readers_{mq::_READERS_ENV, "3"};
+  ScopedEnv readers_{mq::detail::kReadersEnv, "3"};
   TestDb db;
   std::optional<StatementTrace> trace;
 };
 
 TEST_F(Routing, ReadsRunOnThePoolAndNeverOnTheWriter) {
-  auto pool = db._readers.load();
+  auto pool = db.impl()._readers.load();
   ASSERT_TRUE(pool);
   const char* reads[] = {
       "SELECT v FROM t WHERE id = 1",
@@ -62,12 +56,12 @@ TEST_F(Routing, ReadsRunOnThePoolAndNeverOnTheWriter) {
       " pragma user_version ;; ",
   };
   for (const char* sql : reads) {
-    EXPECT_EQ(db._readers_for(sql), pool) << sql;
+    EXPECT_EQ(db.impl()._readers_for(sql), pool) << sql;
     EXPECT_TRUE(db.fetchone(sql)) << sql;
     EXPECT_EQ(db.fetchall(sql).size(), 1u) << sql;
     EXPECT_EQ(on_writer(sql), 0) << sql << " ran on the writer connection";
   }
-  EXPECT_EQ(db._count("SELECT count(*) FROM t"), 1);
+  EXPECT_EQ(db.impl()._count("SELECT count(*) FROM t"), 1);
   EXPECT_EQ(on_writer("SELECT count(*) FROM t"), 0);
   EXPECT_GE(pool->open_connections(), 1);
 }
@@ -88,9 +82,9 @@ TEST_F(Routing, NonReadsRunOnTheWriterOnce) {
     EXPECT_EQ(db.fetchall(c.sql).size(), c.rows) << c.sql;
     EXPECT_EQ(on_writer(c.sql), 1) << c.sql;
   }
-  EXPECT_EQ(db._count("SELECT count(*) FROM t WHERE v = 'with'"), 1);
-  EXPECT_EQ(db._count("SELECT count(*) FROM t WHERE v = 'returned'"), 1);
-  EXPECT_EQ(db._count("PRAGMA user_version"), 5);
+  EXPECT_EQ(db.impl()._count("SELECT count(*) FROM t WHERE v = 'with'"), 1);
+  EXPECT_EQ(db.impl()._count("SELECT count(*) FROM t WHERE v = 'returned'"), 1);
+  EXPECT_EQ(db.impl()._count("PRAGMA user_version"), 5);
 }
 
 TEST_F(Routing, FailuresOnTheReadPoolAreNotRetried) {
@@ -126,7 +120,7 @@ TEST_F(Routing, FailuresOnTheReadPoolAreNotRetried) {
 }
 
 TEST_F(Routing, RefusingPoolSendsTheQueryToTheWriter) {
-  auto own = db._readers.load();
+  auto own = db.impl()._readers.load();
   // A closed pool refuses every lease with ReaderUnavailable.
   auto closed = std::make_shared<mq::ReaderPool>(path("index.db").string(), 1);
   closed->close();
@@ -134,25 +128,25 @@ TEST_F(Routing, RefusingPoolSendsTheQueryToTheWriter) {
   // OperationalError "unable to open database file".
   auto unopenable = std::make_shared<mq::ReaderPool>(path("no/such/dir/index.db").string(), 1);
   for (const auto& [label, pool] : {std::pair{"closed pool", closed}, std::pair{"unopenable file", unopenable}}) {
-    db._readers.store(pool);
+    db.impl()._readers.store(pool);
     trace->clear();
     auto row = db.fetchone("SELECT v FROM t WHERE id = ?", {1});
     ASSERT_TRUE(row) << label;
     EXPECT_EQ((*row)["v"].as_text(), "one");
     EXPECT_EQ(on_writer("SELECT v FROM t WHERE id = ?"), 1) << label;
   }
-  db._readers.store(own);
+  db.impl()._readers.store(own);
 }
 
 TEST_F(Routing, EmptyResults) {
   EXPECT_FALSE(db.fetchone("SELECT v FROM t WHERE id = ?", {404}));
   EXPECT_TRUE(db.fetchall("SELECT v FROM t WHERE id = ?", {404}).empty());
-  EXPECT_EQ(db._count("SELECT id FROM t WHERE id = 404"), 0);
+  EXPECT_EQ(db.impl()._count("SELECT id FROM t WHERE id = 404"), 0);
   // The same through the writer connection.
   db.transaction([&](mq::Cursor&) {
     EXPECT_FALSE(db.fetchone("SELECT v FROM t WHERE id = ?", {404}));
     EXPECT_TRUE(db.fetchall("SELECT v FROM t WHERE id = ?", {404}).empty());
-    EXPECT_EQ(db._count("SELECT id FROM t WHERE id = 404"), 0);
+    EXPECT_EQ(db.impl()._count("SELECT id FROM t WHERE id = 404"), 0);
   });
 }
 
@@ -176,11 +170,11 @@ class RoutingConcurrency : public Routing {};
 
 TEST_F(RoutingConcurrency, OwnerSeesItsUncommittedRowAndOthersDoNotWait) {
   auto other_reads = [&] {
-    return std::async(std::launch::async, [&] { return db._count("SELECT count(*) FROM t WHERE v = 'pending'"); });
+    return std::async(std::launch::async, [&] { return db.impl()._count("SELECT count(*) FROM t WHERE v = 'pending'"); });
   };
   db.transaction([&](mq::Cursor& c) {
     c.execute("INSERT INTO t (v) VALUES ('pending')");
-    EXPECT_EQ(db._count("SELECT count(*) FROM t WHERE v = 'pending'"), 1);  // the owner, on the writer
+    EXPECT_EQ(db.impl()._count("SELECT count(*) FROM t WHERE v = 'pending'"), 1);  // the owner, on the writer
     auto other = other_reads();
     ASSERT_EQ(other.wait_for(kHang), std::future_status::ready) << "another thread's read waited for the transaction";
     EXPECT_EQ(other.get(), 0);  // committed data only
@@ -189,10 +183,10 @@ TEST_F(RoutingConcurrency, OwnerSeesItsUncommittedRowAndOthersDoNotWait) {
 }
 
 TEST_F(RoutingConcurrency, WithoutPoolOtherThreadsReadAfterTheTransaction) {
-  ScopedEnv off(mq::_READERS_ENV, "0");
+  ScopedEnv off(mq::detail::kReadersEnv, "0");
   TestDb shared(path("shared.db"));
   shared.connect();
-  ASSERT_FALSE(shared._readers.load());
+  ASSERT_FALSE(shared.impl()._readers.load());
   shared.execute("CREATE TABLE t (v TEXT)");
   StatementTrace writer(shared.connection());
   std::future<std::int64_t> other;
@@ -200,7 +194,7 @@ TEST_F(RoutingConcurrency, WithoutPoolOtherThreadsReadAfterTheTransaction) {
   shared.transaction([&](mq::Cursor& c) {
     c.execute("INSERT INTO t (v) VALUES ('pending')");
     other = std::async(std::launch::async, [&] {
-      const auto n = shared._count("SELECT count(*) FROM t");
+      const auto n = shared.impl()._count("SELECT count(*) FROM t");
       EXPECT_TRUE(body_over) << "read on the writer connection inside another thread's transaction";
       return n;
     });
@@ -224,9 +218,9 @@ TEST_F(RoutingConcurrency, ReadersNeverSeeHalfATransaction) {
     readers.emplace_back([&] {
       std::int64_t last_generation = 0;
       while (!done) {
-        const auto sum = db._count("SELECT sum(n) FROM acct");
+        const auto sum = db.impl()._count("SELECT sum(n) FROM acct");
         if (sum != 100) ++torn;
-        const auto generation = db._count("PRAGMA user_version");
+        const auto generation = db.impl()._count("PRAGMA user_version");
         if (generation < last_generation) ++backwards;
         last_generation = generation;
         ++reads;
@@ -246,8 +240,8 @@ TEST_F(RoutingConcurrency, ReadersNeverSeeHalfATransaction) {
   EXPECT_EQ(torn.load(), 0);
   EXPECT_EQ(backwards.load(), 0);
   EXPECT_GT(reads.load(), 0);
-  EXPECT_EQ(db._count("SELECT n FROM acct WHERE id = 2"), kMoves);
-  EXPECT_EQ(db._count("PRAGMA user_version"), kMoves);
+  EXPECT_EQ(db.impl()._count("SELECT n FROM acct WHERE id = 2"), kMoves);
+  EXPECT_EQ(db.impl()._count("PRAGMA user_version"), kMoves);
 }
 
 }  // namespace

@@ -9,8 +9,8 @@
 #include <thread>
 
 #include "marsk_quorvi/storage/database.hpp"
-#include "marsk_quorvi/storage/migrations.hpp"
-#include "marsk_quorvi/storage/platform.hpp"
+#include "storage/migrations.hpp"
+#include "storage/platform.hpp"
 #include "marsk_quorvi/storage/storage_size.hpp"
 #include "support/test_support.hpp"
 
@@ -23,10 +23,7 @@ using marsk_quorvi::testing::LogRecord;
 
 namespace {
 
-struct TestDb : mq::Database {
-  using Database::Database;
-  using Database::_readers;
-};
+using TestDb = marsk_quorvi::testing::TestDb;
 
 // What an index written by a 1.x build looks like: 4096-byte pages, files
 // without the stale mark, index_errors without a line, chunks keyed by a
@@ -152,7 +149,7 @@ TEST_F(SchemaMigration, OlderBuildFileIsMigratedRewrittenAndKeepsEveryRow) {
   EXPECT_TRUE(at_least(log, spdlog::level::warn).empty());
 
   EXPECT_EQ(scalar(db, "PRAGMA page_size"), mq::storage_size::PAGE_SIZE);
-  EXPECT_EQ(scalar(db, "PRAGMA auto_vacuum"), mq::_AUTO_VACUUM_INCREMENTAL);
+  EXPECT_EQ(scalar(db, "PRAGMA auto_vacuum"), mq::detail::kAutoVacuumIncremental);
   EXPECT_EQ((*db.fetchone("PRAGMA journal_mode"))[0].as_text(), "wal");
   EXPECT_EQ((*db.fetchone("PRAGMA integrity_check"))[0].as_text(), "ok");
   EXPECT_EQ(counts(db), OLD_COUNTS);
@@ -169,7 +166,7 @@ TEST_F(SchemaMigration, OlderBuildFileIsMigratedRewrittenAndKeepsEveryRow) {
   EXPECT_EQ((*hit)[2].as_int(), 0);
 
   // The read pool is back and serves queries.
-  auto readers = db._readers.load();
+  auto readers = db.impl()._readers.load();
   ASSERT_TRUE(readers);
   EXPECT_FALSE(readers->closed());
   EXPECT_EQ(scalar(db, "SELECT count(*) FROM external_imports"), 0);
@@ -201,7 +198,7 @@ TEST_F(SchemaMigration, FileHeldOpenByAnotherProcessIsLeftAloneUntilTheNextOpen)
               (std::vector<LogRecord>{{spdlog::level::warn, kept_warning(p, "another process has the file open")}}));
     EXPECT_EQ(scalar(db, "PRAGMA page_size"), 4096);
     EXPECT_EQ(counts(db), OLD_COUNTS);
-    EXPECT_TRUE(db._readers.load());
+    EXPECT_TRUE(db.impl()._readers.load());
     // The other process still reads the file.
     const auto seen = marsk_quorvi::testing::run_peer({"query", p.string(), "SELECT count(*) FROM symbols"});
     EXPECT_EQ(seen.output, std::to_string(FILES * 4) + "\n");
@@ -222,19 +219,19 @@ TEST_F(SchemaMigration, DiskTooFullSkipsTheRewriteButStillCyclesTheReadPool) {
   db.connect();
   db.create_schema();
   const auto used = scalar(db, "PRAGMA page_count") * 4096 - scalar(db, "PRAGMA freelist_count") * 4096;
-  const auto before = db._readers.load();
+  const auto before = db.impl()._readers.load();
   ASSERT_TRUE(before);
 
   mq::platform::ScopedOverride full([](const fs::path&) { return mq::platform::VolumeUsage{1 << 30, 1 << 30, 1 << 20}; },
                                     {});
-  const auto why = mq::_disk_shortfall(p.parent_path(), used);
+  const auto why = mq::detail::_disk_shortfall(p.parent_path(), used);
   ASSERT_TRUE(why);
   LogCapture log;
   db.migrate_schema();
   EXPECT_EQ(at_least(log, spdlog::level::warn), (std::vector<LogRecord>{{spdlog::level::warn, kept_warning(p, *why)}}));
   EXPECT_EQ(scalar(db, "PRAGMA page_size"), 4096);
   EXPECT_TRUE(before->closed());
-  const auto after = db._readers.load();
+  const auto after = db.impl()._readers.load();
   ASSERT_TRUE(after);
   EXPECT_NE(after, before);
 }
@@ -275,7 +272,7 @@ TEST_F(SchemaMigration, JournalLeftInRollbackModeIsWarnedAndQueriesShareTheWrite
                                      "Journal of " + p.string() +
                                          " stays in delete mode after the page rewrite; queries share the writer "
                                          "connection until the next open"}}));
-  EXPECT_FALSE(db._readers.load());
+  EXPECT_FALSE(db.impl()._readers.load());
   EXPECT_EQ(counts(db), before);
   db.close();
 }
@@ -294,7 +291,7 @@ TEST_F(SchemaMigration, FailingStepLeavesTheFileAtTheLastCommittedVersion) {
   } catch (const migrations::SchemaMigrationError& e) {
     EXPECT_STREQ(e.what(), "Schema migration to 3.0.0 failed: Cannot add a column to a view");
   }
-  EXPECT_EQ(log.records(), (std::vector<LogRecord>{{spdlog::level::err,
+  EXPECT_EQ(log.records(), (std::vector<LogRecord>{{spdlog::level::warn,
                                                     "Schema migration from 2.0.0 to 3.0.0 failed\n"
                                                     "OperationalError: Cannot add a column to a view"}}))
       << "one record";
@@ -384,11 +381,11 @@ TEST_F(SchemaMigration, FilesWithPagesAtLeastThePageSizeKeepTheirPool) {
     TestDb db(p);
     db.connect();
     db.create_schema();
-    const auto pool = db._readers.load();
+    const auto pool = db.impl()._readers.load();
     LogCapture log;
     db.migrate_schema();
     EXPECT_EQ(log.records(), (std::vector<LogRecord>{{spdlog::level::info, "Schema version 3.1.0 (recorded 3.1.0)"}}));
-    EXPECT_EQ(db._readers.load(), pool);
+    EXPECT_EQ(db.impl()._readers.load(), pool);
     EXPECT_FALSE(pool->closed());
     EXPECT_EQ(scalar(db, "PRAGMA page_size"), page_size);
   }

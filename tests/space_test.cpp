@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "marsk_quorvi/storage/database.hpp"
-#include "marsk_quorvi/storage/platform.hpp"
+#include "storage/platform.hpp"
 #include "support/page_files.hpp"
 #include "support/test_support.hpp"
 
@@ -105,32 +105,32 @@ TEST_F(SpaceTest, SpaceReadsModePagesFreeAndPageSize) {
     make_page_file(file, c.pages, c.free, c.mode);
     SpaceDb db(file);
     db.connect();
-    EXPECT_EQ(SpaceDb::_space(*db.connection()), (mq::_Space{c.mode, c.pages, c.free, 8192}));
+    EXPECT_EQ(marsk_quorvi::storage::detail::DatabaseImpl::_space(*db.connection()), (mq::detail::Space{c.mode, c.pages, c.free, 8192}));
     db.close();
   }
   // A file the handle creates itself is incremental from the start.
   SpaceDb fresh(path("fresh/index.db"));
   fresh.connect();
   fresh.execute("CREATE TABLE t (x)");
-  const auto space = SpaceDb::_space(*fresh.connection());
-  EXPECT_EQ(space.mode, mq::_AUTO_VACUUM_INCREMENTAL);
+  const auto space = marsk_quorvi::storage::detail::DatabaseImpl::_space(*fresh.connection());
+  EXPECT_EQ(space.mode, mq::detail::kAutoVacuumIncremental);
   EXPECT_EQ(space.page_size, 8192);
   auto conn = fresh.connection();
   fresh.close();
-  EXPECT_THROW(SpaceDb::_space(*conn), mq::Error);
+  EXPECT_THROW(marsk_quorvi::storage::detail::DatabaseImpl::_space(*conn), mq::Error);
 }
 
 TEST_F(SpaceTest, SpaceSeesAnotherProcessRewriteTheFile) {
   const auto file = path("shared.db");
-  make_page_file(file, 2100, 2048, mq::_AUTO_VACUUM_NONE);
+  make_page_file(file, 2100, 2048, mq::detail::kAutoVacuumNone);
   SpaceDb db(file);
   db.connect();
-  ASSERT_EQ(SpaceDb::_space(*db.connection()).mode, mq::_AUTO_VACUUM_NONE);
+  ASSERT_EQ(marsk_quorvi::storage::detail::DatabaseImpl::_space(*db.connection()).mode, mq::detail::kAutoVacuumNone);
   // The other process's handle asks for incremental mode when it connects;
   // its VACUUM applies it.
   ASSERT_EQ(marsk_quorvi::testing::run_peer({"exec", file.string(), "VACUUM"}).status, 0);
-  const auto space = SpaceDb::_space(*db.connection());
-  EXPECT_EQ(space.mode, mq::_AUTO_VACUUM_INCREMENTAL);
+  const auto space = marsk_quorvi::storage::detail::DatabaseImpl::_space(*db.connection());
+  EXPECT_EQ(space.mode, mq::detail::kAutoVacuumIncremental);
   EXPECT_EQ(space.free, 0);
   EXPECT_LT(space.pages, 100);
 }
@@ -178,13 +178,13 @@ TEST_F(SpaceTest, SameVolumeComparesDevicesAndTreatsUnknownAsOne) {
     FakeVolumes fake;
     fake.device = c.device;
     auto seam = fake.install();
-    EXPECT_EQ(mq::_same_volume("a", "b"), c.expected);
+    EXPECT_EQ(mq::detail::_same_volume("a", "b"), c.expected);
     EXPECT_EQ(fake.stat_queries, c.queried);
   }
   // The real queries: /proc is never the volume of a temporary directory.
-  EXPECT_TRUE(mq::_same_volume(dir_, dir_));
-  EXPECT_FALSE(mq::_same_volume(dir_, "/proc"));
-  EXPECT_TRUE(mq::_same_volume(dir_, path("missing")));
+  EXPECT_TRUE(mq::detail::_same_volume(dir_, dir_));
+  EXPECT_FALSE(mq::detail::_same_volume(dir_, "/proc"));
+  EXPECT_TRUE(mq::detail::_same_volume(dir_, path("missing")));
 }
 
 TEST_F(SpaceTest, ShortfallNamesTheFirstVolumeThatFallsShort) {
@@ -221,7 +221,7 @@ TEST_F(SpaceTest, ShortfallNamesTheFirstVolumeThatFallsShort) {
     fake.device = {{"/db", 1}, {"/scratch", c.one_volume ? 1u : 2u}};
     fake.free = {{"/db", c.db_free}, {"/scratch", c.tmp_free}};
     auto seam = fake.install();
-    EXPECT_EQ(mq::_disk_shortfall("/db", c.used), c.expected);
+    EXPECT_EQ(mq::detail::_disk_shortfall("/db", c.used), c.expected);
     EXPECT_EQ(fake.free_queries, c.queried);
   }
 }
@@ -256,7 +256,7 @@ TEST_F(SpaceTest, TemporaryDirectoryFollowsSqlite) {
     fake.device = {{"/db", 1}, {c.expected, 2}};
     fake.free = {{"/db", 1024 * MiB}, {c.expected, 0}};
     auto seam = fake.install();
-    EXPECT_EQ(mq::_disk_shortfall("/db", 0),
+    EXPECT_EQ(mq::detail::_disk_shortfall("/db", 0),
               "not enough disk space: 0 MiB free in " + c.expected + ", 64 MiB needed");
     EXPECT_EQ(fake.free_queries, (std::vector<std::string>{"/db", c.expected}));
   }
@@ -272,20 +272,20 @@ TEST_F(SpaceTest, UnusableDirectoriesOnTheRealFileSystem) {
     // Fits on two volumes (half the free space each, plus the margin), not
     // on one.
     const std::int64_t used = free / 2 - 16 * MiB;
-    const auto text = mq::_disk_shortfall(dir_, used);
+    const auto text = mq::detail::_disk_shortfall(dir_, used);
     ASSERT_TRUE(text.has_value());
     EXPECT_NE(text->find(" MiB free in " + dir_.string() + ", "), std::string::npos) << *text;
     EXPECT_NE(text->find(std::to_string((2 * used + mq::COMPACT_DISK_MARGIN_BYTES) / MiB) + " MiB needed"),
               std::string::npos)
         << *text;
-    EXPECT_EQ(mq::_disk_shortfall(dir_, 0), std::nullopt);
+    EXPECT_EQ(mq::detail::_disk_shortfall(dir_, 0), std::nullopt);
   }
   // A database directory that does not exist: the free-space query fails
   // and its error reaches the caller.
   ScopedEnv tmp("SQLITE_TMPDIR", dir_.string());
   // A bare file name's directory is the working directory.
-  EXPECT_EQ(mq::_disk_shortfall("", 0), std::nullopt);
-  EXPECT_THROW(mq::_disk_shortfall(path("missing"), 0), FileNotFoundError);
+  EXPECT_EQ(mq::detail::_disk_shortfall("", 0), std::nullopt);
+  EXPECT_THROW(mq::detail::_disk_shortfall(path("missing"), 0), FileNotFoundError);
 }
 
 }  // namespace

@@ -53,8 +53,8 @@ TEST_F(SqliteAccess, ValuesRoundTripWithTheirTypes) {
       {"empty text", mq::Value(""), mq::Value::Type::Text},
       {"utf-8 text", mq::Value("h\xc3\xa9llo \xe2\x82\xac"), mq::Value::Type::Text},
       {"text with NUL", mq::Value(with_nul), mq::Value::Type::Text},
-      {"blob with zero bytes", mq::Value(mq::Blob{0, 1, 0, 255}), mq::Value::Type::Blob},
-      {"empty blob", mq::Value(mq::Blob{}), mq::Value::Type::Blob},
+      {"blob with zero bytes", mq::Value(mq::Bytes{0, 1, 0, 255}), mq::Value::Type::Blob},
+      {"empty blob", mq::Value(mq::Bytes{}), mq::Value::Type::Blob},
       {"optional without value", mq::Value(std::optional<int>()), mq::Value::Type::Null},
   };
   std::int64_t id = 0;
@@ -232,7 +232,7 @@ TEST_F(SqliteAccess, ErrorKindsAndSqliteMessages) {
     }
   }
   try {
-    mq::Connection::open(path("missing/dir/x.db").string());
+    (void)mq::Connection::open(path("missing/dir/x.db").string());
     ADD_FAILURE() << "opened a file in a missing directory";
   } catch (const mq::OperationalError& e) {
     EXPECT_STREQ(e.what(), "unable to open database file");

@@ -22,12 +22,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-struct TestDb : mq::Database {
-  using Database::Database;
-  using Database::_count;
-  using Database::_tx_depth;
-  using Database::_tx_owner;
-};
+using TestDb = marsk_quorvi::testing::TestDb;
 
 // An error of no kind the layer knows, carrying a value to prove it arrived
 // unchanged.
@@ -63,29 +58,29 @@ class Transaction : public TempDirTest {
     return out;
   }
   void expect_idle() {
-    EXPECT_EQ(db._tx_depth, 0);
-    EXPECT_EQ(db._tx_owner.load(), std::thread::id());
+    EXPECT_EQ(db.impl()._tx_depth, 0);
+    EXPECT_EQ(db.impl()._tx_owner.load(), std::thread::id());
   }
 
-  ScopedEnv readers_{mq::_READERS_ENV, "4"};
+  ScopedEnv readers_{mq::detail::kReadersEnv, "4"};
   TestDb db;
   std::optional<StatementTrace> trace;
 };
 
 TEST_F(Transaction, NestedScopesBeginAndCommitOnce) {
   const auto result = db.transaction([&](mq::Cursor& outer) {
-    EXPECT_EQ(db._tx_owner.load(), std::this_thread::get_id());
+    EXPECT_EQ(db.impl()._tx_owner.load(), std::this_thread::get_id());
     outer.execute("INSERT INTO t (v) VALUES ('outer')");
     db.transaction([&](mq::Cursor& inner) {
       EXPECT_NE(&inner, &outer);
-      EXPECT_EQ(db._tx_depth, 2);
+      EXPECT_EQ(db.impl()._tx_depth, 2);
       inner.execute("INSERT INTO t (v) VALUES ('inner')");
       db.transaction([&](mq::Cursor& innermost) {
-        EXPECT_EQ(db._tx_depth, 3);
+        EXPECT_EQ(db.impl()._tx_depth, 3);
         innermost.execute("INSERT INTO t (v) VALUES ('innermost')");
       });
     });
-    EXPECT_EQ(db._tx_depth, 1);
+    EXPECT_EQ(db.impl()._tx_depth, 1);
     return 42;
   });
   EXPECT_EQ(result, 42);
@@ -125,7 +120,7 @@ TEST_F(Transaction, FailuresRollBackAtTheOutermostScopeOnly) {
              });
            } catch (const BodyFailure&) {
            }
-           EXPECT_EQ(db._tx_depth, 1);
+           EXPECT_EQ(db.impl()._tx_depth, 1);
          });
        },
        {"BEGIN", "COMMIT"},
@@ -153,7 +148,7 @@ TEST_F(Transaction, FailuresRollBackAtTheOutermostScopeOnly) {
          db.transaction([&](mq::Cursor&) {
            db.execute("INSERT INTO t (v) VALUES ('x')");
            db.executemany("INSERT INTO t (v) VALUES (?)", {{"y"}, {"z"}});
-           EXPECT_EQ(db._count("SELECT count(*) FROM t"), 3);  // its own writes, not yet committed
+           EXPECT_EQ(db.impl()._count("SELECT count(*) FROM t"), 3);  // its own writes, not yet committed
            throw BodyFailure{7};
          });
        },
@@ -263,7 +258,7 @@ TEST_F(TransactionConcurrency, AnotherThreadsTransactionStartsAfterTheFirstEnds)
   inside.get_future().wait();
   db.transaction([&](mq::Cursor& c) {
     EXPECT_TRUE(first_over);
-    EXPECT_EQ(db._tx_depth, 1);  // its own outermost scope, not nested in the first
+    EXPECT_EQ(db.impl()._tx_depth, 1);  // its own outermost scope, not nested in the first
     c.execute("INSERT INTO t (v) VALUES ('second')");
   });
   first.join();
@@ -296,7 +291,7 @@ TEST_F(TransactionConcurrency, ManyThreadsNestingCommittingAndRollingBack) {
   }
   for (auto& th : threads) th.join();
   EXPECT_EQ(db.fetchone("SELECT n FROM counter").value()[0].as_int(), committed.load());
-  EXPECT_EQ(db._count("SELECT count(*) FROM t"), committed.load());
+  EXPECT_EQ(db.impl()._count("SELECT count(*) FROM t"), committed.load());
   expect_idle();
 }
 

@@ -1,34 +1,97 @@
-// Errors of the library that are not SQLite's own (those are storage::Error
-// and storage::OperationalError in storage/sqlite.hpp).
+// Every exception the library throws derives from `QuorviError`, so a caller
+// catches the library's failures in one clause and still tells the kinds
+// apart by type when it needs to.
 #pragma once
 
+#include <filesystem>
 #include <stdexcept>
 #include <string>
 
 namespace marsk_quorvi {
 
-// A handle used without a writer connection ("Database is closed.", "Database
-// not connected. Call connect() first.").
-class RuntimeError : public std::runtime_error {
+// The common base. `kind()` is the class's own name ("OSError", ...), which
+// log lines print in front of the message.
+class QuorviError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
+  [[nodiscard]] virtual const char* kind() const noexcept = 0;
 };
 
-// A failing operating-system call (file status, free space). `error_number()`
-// is the errno the call reported, 0 when there was none.
-class OSError : public std::runtime_error {
+// A handle used without a writer connection ("Database is closed.", "Database
+// not connected. Call connect() first.").
+class RuntimeError : public QuorviError {
  public:
-  explicit OSError(const std::string& message, int error_number = 0)
-      : std::runtime_error(message), errno_(error_number) {}
-  int error_number() const noexcept { return errno_; }
+  using QuorviError::QuorviError;
+  [[nodiscard]] const char* kind() const noexcept override { return "RuntimeError"; }
+};
+
+// A failing operating-system call (file status, free space, making the index
+// directory). `error_number()` is the errno it reported (0 when none) and
+// `path()` the file it concerned (empty when none).
+class OSError : public QuorviError {
+ public:
+  explicit OSError(const std::string& message, int error_number = 0, std::filesystem::path path = {})
+      : QuorviError(message), errno_(error_number), path_(std::move(path)) {}
+  [[nodiscard]] int error_number() const noexcept { return errno_; }
+  [[nodiscard]] const std::filesystem::path& path() const noexcept { return path_; }
+  [[nodiscard]] const char* kind() const noexcept override { return "OSError"; }
 
  private:
   int errno_;
+  std::filesystem::path path_;
 };
 
 class FileNotFoundError : public OSError {
  public:
   using OSError::OSError;
+  [[nodiscard]] const char* kind() const noexcept override { return "FileNotFoundError"; }
 };
 
+// "[Errno 2] No such file or directory: '/x'": the errno, its text and the
+// path. Raises FileNotFoundError for ENOENT, OSError otherwise.
+[[noreturn]] void raise_os_error(int error_number, const std::filesystem::path& path);
+
+namespace storage {
+
+// Every SQLite failure. The message is SQLite's own text; `code()` is the
+// (extended) result code that SQLite returned.
+class Error : public QuorviError {
+ public:
+  explicit Error(const std::string& message, int code = 1) : QuorviError(message), code_(code) {}
+  [[nodiscard]] int code() const noexcept { return code_; }
+  [[nodiscard]] const char* kind() const noexcept override { return "Error"; }
+
+ private:
+  int code_;
+};
+
+// Failures of the database's operation rather than of the statement's data:
+// a statement that cannot be prepared (missing table, syntax), a busy or
+// locked file, a read-only database, a file that cannot be opened, I/O
+// errors, a full disk.
+class OperationalError : public Error {
+ public:
+  using Error::Error;
+  [[nodiscard]] const char* kind() const noexcept override { return "OperationalError"; }
+};
+
+// The read pool cannot hand out a connection (it is closed); the query then
+// runs on the writer connection instead, so callers of `Database` never see it.
+class ReaderUnavailable : public QuorviError {
+ public:
+  using QuorviError::QuorviError;
+  [[nodiscard]] const char* kind() const noexcept override { return "ReaderUnavailable"; }
+};
+
+namespace migrations {
+
+// A failed migration step; the file keeps the version before that step.
+class SchemaMigrationError : public QuorviError {
+ public:
+  using QuorviError::QuorviError;
+  [[nodiscard]] const char* kind() const noexcept override { return "SchemaMigrationError"; }
+};
+
+}  // namespace migrations
+}  // namespace storage
 }  // namespace marsk_quorvi

@@ -30,8 +30,8 @@
 // hang. It is bookkeeping, never shown to users; every other kind is.
 //
 // code_chunks is an FTS5 table (text, start_line, end_line, exact). Its link to
-// the file lives in the rowid: rowid = (file_id << 20) + chunk number, so
-// `rowid >> 20` is the file id and a file may have up to 2^20 chunks. The rowid
+// the file lives in the rowid (chunk_rowid: the file id in the high bits, the
+// chunk number in the low CHUNK_ROWID_BITS). The rowid
 // is one of the five columns a bulk copy carries (rowid, text, start_line,
 // end_line, exact), so the link survives the copy without an extra column,
 // and a file's chunks are one rowid range, which FTS5 scans directly. `exact`
@@ -42,7 +42,7 @@
 
 #include <string>
 
-#include "marsk_quorvi/storage/migrations.hpp"
+#include "migrations.hpp"
 
 namespace marsk_quorvi::storage::core_schema {
 

@@ -6,69 +6,43 @@
 #include <charconv>
 #include <cstdlib>
 
+#include "database_impl.hpp"
 #include "log.hpp"
-#include "marsk_quorvi/storage/database.hpp"
+#include "text.hpp"
 #include "marsk_quorvi/storage/storage_size.hpp"
 #include "marsk_quorvi/utils/path_filter.hpp"
 
-namespace marsk_quorvi::storage {
+namespace marsk_quorvi::storage::detail {
 
-namespace {
-
-bool is_space(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; }
-
-std::string_view strip(std::string_view s) {
-  while (!s.empty() && is_space(s.front())) s.remove_prefix(1);
-  while (!s.empty() && is_space(s.back())) s.remove_suffix(1);
-  return s;
-}
-
-char ascii_upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
-
-std::string upper(std::string_view s) {
-  std::string out(s);
-  for (auto& c : out) c = ascii_upper(c);
-  return out;
-}
-
-std::string lower(std::string_view s) {
-  std::string out(s);
-  for (auto& c : out) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  return out;
-}
 
 thread_local int event_loop_depth = 0;
 
-}  // namespace
-
 // ------------------------------------------------------------------ reader settings
 
-int reader_count() { return _parse_reader_count(std::getenv(_READERS_ENV)); }
-
 int _parse_reader_count(const char* raw) {
-  if (raw == nullptr) return _DEFAULT_READERS;
+  if (raw == nullptr) return kDefaultReaders;
   std::string_view value = strip(raw);
-  if (value.empty()) return _DEFAULT_READERS;
+  if (value.empty()) return kDefaultReaders;
   bool negative = false;
   if (value.front() == '+' || value.front() == '-') {
     negative = value.front() == '-';
     value.remove_prefix(1);
   }
   if (value.empty() || !std::all_of(value.begin(), value.end(), [](char c) { return c >= '0' && c <= '9'; })) {
-    return _DEFAULT_READERS;
+    return kDefaultReaders;
   }
   // Any number of digits parses; past 32 it only matters that it is large.
   long long n = 0;
   auto [p, ec] = std::from_chars(value.data(), value.data() + value.size(), n);
-  if (ec == std::errc::result_out_of_range) n = static_cast<long long>(_MAX_READERS) + 1;
+  if (ec == std::errc::result_out_of_range) n = static_cast<long long>(kMaxReaders) + 1;
   (void)p;
   if (negative) n = -n;
-  return static_cast<int>(std::max<long long>(std::min<long long>(n, _MAX_READERS), 0));
+  return static_cast<int>(std::max<long long>(std::min<long long>(n, kMaxReaders), 0));
 }
 
 bool _is_read_statement(std::string_view sql) {
   std::string_view rest = sql;
-  while (!rest.empty() && is_space(rest.front())) rest.remove_prefix(1);
+  while (!rest.empty() && is_ascii_space(rest.front())) rest.remove_prefix(1);
   // Only the head is upper-cased: this decides the route of most queries.
   char head[8];
   const std::size_t n = std::min<std::size_t>(rest.size(), sizeof head);
@@ -78,22 +52,185 @@ bool _is_read_statement(std::string_view sql) {
 
   std::string_view whole = strip(sql);
   while (!whole.empty() && whole.back() == ';') whole.remove_suffix(1);
-  return upper(strip(whole)) == "PRAGMA USER_VERSION";
+  return ascii_upper(strip(whole)) == "PRAGMA USER_VERSION";
 }
 
+bool _on_event_loop() { return event_loop_depth > 0; }
+
 bool _reader_cannot_serve(const OperationalError& error) {
-  const std::string message = lower(error.what());
-  for (const char* fragment : _READER_CANNOT_SERVE) {
+  const std::string message = ascii_lower(error.what());
+  for (const char* fragment : kReaderCannotServe) {
     if (message.find(fragment) != std::string::npos) return true;
   }
   return false;
 }
 
+// ------------------------------------------------------------------ lifecycle
+
+DatabaseImpl::~DatabaseImpl() {
+  try {
+    close();
+  } catch (...) {
+    log_swallowed("closing the database");
+  }
+}
+
+void DatabaseImpl::connect() {
+  const auto parent = db_path.parent_path();
+  std::error_code ec;
+  if (!parent.empty() && !std::filesystem::create_directories(parent, ec) && ec) {
+    raise_os_error(ec.value(), parent);
+  }
+  _closed.store(false);
+  auto conn = Connection::open(db_path.string());
+  _connection.store(conn);
+  conn->execute("PRAGMA page_size=" + std::to_string(storage_size::PAGE_SIZE));
+  conn->execute("PRAGMA auto_vacuum=INCREMENTAL");
+  auto journal = conn->execute("PRAGMA journal_mode=WAL").fetchone();
+  conn->execute("PRAGMA foreign_keys=ON");
+  conn->execute("PRAGMA synchronous=NORMAL");
+  utils::register_path_functions(*conn);
+  const std::string mode = journal ? ascii_lower((*journal)[0].to_text()) : std::string();
+  auto previous = _readers.exchange(_open_readers(mode));
+  // A second connect replaces the pool; the old one is released here.
+  if (previous) previous->close();
+}
+
+std::shared_ptr<ReaderPool> DatabaseImpl::_open_readers(const std::string& journal_mode) {
+  const int count = reader_count();
+  // A read connection only escapes the writer's lock in WAL mode.
+  if (count == 0 || journal_mode != "wal") return nullptr;
+  return std::make_shared<ReaderPool>(db_path.string(), count, &utils::register_path_functions);
+}
+
+void DatabaseImpl::close() {
+  // Never hold the lock while waiting for the pool's queries.
+  if (auto readers = _readers.load()) readers->close();
+  std::lock_guard lock(_lock);
+  if (auto conn = _connection.load()) {
+    conn->close();
+    _connection.store(nullptr);
+    _closed.store(true);
+  }
+}
+
+std::shared_ptr<Connection> DatabaseImpl::connection() const {
+  auto conn = _connection.load();
+  if (!conn) {
+    if (_closed.load()) throw RuntimeError("Database is closed.");
+    throw RuntimeError("Database not connected. Call connect() first.");
+  }
+  return conn;
+}
+
+// ------------------------------------------------------------------ transactions and writes
+
+void DatabaseImpl::_transaction(const std::function<void(Cursor&)>& body) {
+  std::lock_guard lock(_lock);
+  if (_tx_depth > 0) {
+    // A nested scope joins the transaction this thread already has open: no
+    // BEGIN of its own (SQLite refuses one inside a transaction), and its
+    // failure is left to the outermost scope.
+    ++_tx_depth;
+    struct InnerExit {
+      int& depth;
+      std::optional<Cursor> cursor;
+      ~InnerExit() {
+        --depth;
+        if (cursor) cursor->close();
+      }
+    } inner{_tx_depth, std::nullopt};
+    inner.cursor.emplace(connection()->cursor());
+    body(*inner.cursor);
+    return;
+  }
+  // Opened before any state changes: without a writer connection this raises
+  // and leaves the handle as it was.
+  Cursor cursor = connection()->cursor();
+  struct OuterExit {
+    DatabaseImpl& db;
+    Cursor& cursor;
+    ~OuterExit() {
+      db._tx_depth = 0;
+      db._tx_owner.store(std::thread::id());
+      cursor.close();
+    }
+  } outer{*this, cursor};
+  _tx_depth = 1;
+  _tx_owner.store(std::this_thread::get_id());
+  try {
+    cursor.execute("BEGIN");
+    body(cursor);
+    cursor.execute("COMMIT");
+  } catch (...) {
+    try {
+      cursor.execute("ROLLBACK");
+    } catch (const Error&) {
+      // The failure that led here is the one to report.
+    }
+    throw;
+  }
+}
+
+Cursor DatabaseImpl::execute(std::string_view sql, const Params& params) {
+  std::lock_guard lock(_lock);
+  return connection()->execute(sql, params);
+}
+
+Cursor DatabaseImpl::executemany(std::string_view sql, const std::vector<Params>& params_list) {
+  std::lock_guard lock(_lock);
+  return connection()->executemany(sql, params_list);
+}
+
+// ------------------------------------------------------------------ query routing
+
+std::shared_ptr<ReaderPool> DatabaseImpl::_readers_for(std::string_view sql) const {
+  auto readers = _readers.load();
+  if (!readers) return nullptr;
+  if (_tx_owner.load() == std::this_thread::get_id()) return nullptr;
+  return _is_read_statement(sql) ? readers : nullptr;
+}
+
+template <class Fetch>
+auto DatabaseImpl::_query(std::string_view sql, const Params& params, Fetch&& fetch)
+    -> std::invoke_result_t<Fetch&, Cursor&> {
+  if (auto readers = _readers_for(sql)) {
+    try {
+      auto lease = readers->lease();
+      return _run_query(lease.connection(), sql, params, fetch);
+    } catch (const ReaderUnavailable&) {
+      // fall through to the writer connection
+    } catch (const OperationalError& e) {
+      if (!_reader_cannot_serve(e)) throw;
+    }
+  }
+  std::lock_guard lock(_lock);
+  return _run_query(*connection(), sql, params, fetch);
+}
+
+std::optional<Row> DatabaseImpl::fetchone(std::string_view sql, const Params& params) {
+  return _query(sql, params, [](Cursor& c) { return c.fetchone(); });
+}
+
+std::vector<Row> DatabaseImpl::fetchall(std::string_view sql, const Params& params) {
+  return _query(sql, params, [](Cursor& c) { return c.fetchall(); });
+}
+
+std::int64_t DatabaseImpl::_count(std::string_view sql) {
+  auto r = fetchone(sql);
+  return r ? (*r)[0].as_int() : 0;
+}
+
+}  // namespace marsk_quorvi::storage::detail
+
+namespace marsk_quorvi::storage {
+
+int reader_count() { return detail::_parse_reader_count(std::getenv(detail::kReadersEnv)); }
+
 // ------------------------------------------------------------------ event loop
 
-EventLoopThread::EventLoopThread() noexcept { ++event_loop_depth; }
-EventLoopThread::~EventLoopThread() { --event_loop_depth; }
-bool _on_event_loop() { return event_loop_depth > 0; }
+EventLoopThread::EventLoopThread() noexcept { ++detail::event_loop_depth; }
+EventLoopThread::~EventLoopThread() { --detail::event_loop_depth; }
 
 // ------------------------------------------------------------------ RowCounts
 
@@ -118,13 +255,6 @@ std::int64_t RowCounts::at(std::string_view key) const {
   throw std::out_of_range("no count for " + std::string(key));
 }
 
-std::vector<std::string> RowCounts::keys() const {
-  std::vector<std::string> out;
-  out.reserve(items_.size());
-  for (const auto& kv : items_) out.push_back(kv.first);
-  return out;
-}
-
 std::string RowCounts::to_string() const {
   std::string out = "{";
   for (std::size_t i = 0; i < items_.size(); ++i) {
@@ -137,142 +267,42 @@ std::string RowCounts::to_string() const {
   return out;
 }
 
-// ------------------------------------------------------------------ lifecycle
+// ------------------------------------------------------------------ Database
 
-Database::Database(std::filesystem::path path) : db_path(std::move(path)) {}
+Database::Database(std::filesystem::path path) : db_path(path), impl_(std::make_unique<detail::DatabaseImpl>(std::move(path))) {}
+Database::~Database() = default;
 
-Database::~Database() {
-  try {
-    close();
-  } catch (...) {
-    // A destructor never throws; a failing close leaves nothing to undo.
-  }
-}
-
-void Database::connect() {
-  const auto parent = db_path.parent_path();
-  if (!parent.empty()) std::filesystem::create_directories(parent);
-  _closed.store(false);
-  auto conn = Connection::open(db_path.string());
-  _connection.store(conn);
-  conn->execute("PRAGMA page_size=" + std::to_string(storage_size::PAGE_SIZE));
-  conn->execute("PRAGMA auto_vacuum=INCREMENTAL");
-  auto journal = conn->execute("PRAGMA journal_mode=WAL").fetchone();
-  conn->execute("PRAGMA foreign_keys=ON");
-  conn->execute("PRAGMA synchronous=NORMAL");
-  utils::register_path_functions(*conn);
-  const std::string mode = journal ? lower((*journal)[0].to_text()) : std::string();
-  auto previous = _readers.exchange(_open_readers(mode));
-  // A second connect replaces the pool; the old one is released here.
-  if (previous) previous->close();
-}
-
-std::shared_ptr<ReaderPool> Database::_open_readers(const std::string& journal_mode) {
-  const int count = reader_count();
-  // A read connection only escapes the writer's lock in WAL mode.
-  if (count == 0 || journal_mode != "wal") return nullptr;
-  return std::make_shared<ReaderPool>(db_path.string(), count, &utils::register_path_functions);
-}
-
-void Database::close() {
-  // Never hold the lock while waiting for the pool's queries.
-  if (auto readers = _readers.load()) readers->close();
-  std::lock_guard lock(_lock);
-  if (auto conn = _connection.load()) {
-    conn->close();
-    _connection.store(nullptr);
-    _closed.store(true);
-  }
-}
-
-std::shared_ptr<Connection> Database::connection() const {
-  auto conn = _connection.load();
-  if (!conn) {
-    if (_closed.load()) throw RuntimeError("Database is closed.");
-    throw RuntimeError("Database not connected. Call connect() first.");
-  }
-  return conn;
-}
-
-// ------------------------------------------------------------------ transactions and writes
-
-void Database::_transaction(const std::function<void(Cursor&)>& body) {
-  std::lock_guard lock(_lock);
-  if (_tx_depth > 0) {
-    // A nested scope joins the transaction this thread already has open: no
-    // BEGIN of its own (SQLite refuses one inside a transaction), and its
-    // failure is left to the outermost scope.
-    ++_tx_depth;
-    struct InnerExit {
-      int& depth;
-      std::optional<Cursor> cursor;
-      ~InnerExit() {
-        --depth;
-        if (cursor) cursor->close();
-      }
-    } inner{_tx_depth, std::nullopt};
-    inner.cursor.emplace(connection()->cursor());
-    body(*inner.cursor);
-    return;
-  }
-  // Opened before any state changes: without a writer connection this raises
-  // and leaves the handle as it was.
-  Cursor cursor = connection()->cursor();
-  struct OuterExit {
-    Database& db;
-    Cursor& cursor;
-    ~OuterExit() {
-      db._tx_depth = 0;
-      db._tx_owner.store(std::thread::id());
-      cursor.close();
-    }
-  } outer{*this, cursor};
-  _tx_depth = 1;
-  _tx_owner.store(std::this_thread::get_id());
-  try {
-    cursor.execute("BEGIN");
-    body(cursor);
-    cursor.execute("COMMIT");
-  } catch (...) {
-    try {
-      cursor.execute("ROLLBACK");
-    } catch (const Error&) {
-      // The failure that led here is the one to report.
-    }
-    throw;
-  }
-}
-
-Cursor Database::execute(std::string_view sql, const Params& params) {
-  std::lock_guard lock(_lock);
-  return connection()->execute(sql, params);
-}
-
+void Database::connect() { impl_->connect(); }
+void Database::close() { impl_->close(); }
+bool Database::closed() const noexcept { return impl_->closed(); }
+std::shared_ptr<Connection> Database::connection() const { return impl_->connection(); }
+void Database::run_transaction(const std::function<void(Cursor&)>& body) { impl_->_transaction(body); }
+Cursor Database::execute(std::string_view sql, const Params& params) { return impl_->execute(sql, params); }
 Cursor Database::executemany(std::string_view sql, const std::vector<Params>& params_list) {
-  std::lock_guard lock(_lock);
-  return connection()->executemany(sql, params_list);
+  return impl_->executemany(sql, params_list);
 }
-
-// ------------------------------------------------------------------ query routing
-
-std::shared_ptr<ReaderPool> Database::_readers_for(std::string_view sql) const {
-  auto readers = _readers.load();
-  if (!readers) return nullptr;
-  if (_tx_owner.load() == std::this_thread::get_id()) return nullptr;
-  return _is_read_statement(sql) ? readers : nullptr;
+std::optional<Row> Database::fetchone(std::string_view sql, const Params& params) { return impl_->fetchone(sql, params); }
+std::vector<Row> Database::fetchall(std::string_view sql, const Params& params) { return impl_->fetchall(sql, params); }
+void Database::create_schema() { impl_->create_schema(); }
+void Database::migrate_schema() { impl_->migrate_schema(); }
+std::int64_t Database::index_generation() { return impl_->index_generation(); }
+std::int64_t Database::refresh_extractor_stamp(const ExtractorVersions& versions) {
+  return impl_->refresh_extractor_stamp(versions);
 }
-
-std::optional<Row> Database::fetchone(std::string_view sql, const Params& params) {
-  return _query(sql, params, [](Cursor& c) { return c.fetchone(); });
+void Database::clear_all() { impl_->clear_all(); }
+RowCounts Database::swap_index_from(const std::filesystem::path& staging_path) {
+  return impl_->swap_index_from(staging_path);
 }
-
-std::vector<Row> Database::fetchall(std::string_view sql, const Params& params) {
-  return _query(sql, params, [](Cursor& c) { return c.fetchall(); });
+RowCounts Database::get_stats() { return impl_->get_stats(); }
+bool Database::check_integrity() { return impl_->check_integrity(); }
+void Database::record_error(std::string_view file_path, std::string_view error_type, std::optional<std::string> message,
+                            std::optional<std::int64_t> line) {
+  impl_->record_error(file_path, error_type, message, line);
 }
-
-std::int64_t Database::_count(std::string_view sql) {
-  auto r = fetchone(sql);
-  return r ? (*r)[0].as_int() : 0;
+void Database::clear_file_errors(std::string_view file_path, std::optional<std::string> error_type) {
+  impl_->clear_file_errors(file_path, error_type);
 }
+std::int64_t Database::get_error_count() { return impl_->get_error_count(); }
+Compaction Database::compact() { return impl_->compact(); }
 
 }  // namespace marsk_quorvi::storage

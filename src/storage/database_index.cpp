@@ -13,12 +13,12 @@
 
 #include <sqlite3.h>
 
+#include "database_impl.hpp"
 #include "log.hpp"
 #include "marsk_quorvi/models/symbol.hpp"
-#include "marsk_quorvi/storage/database.hpp"
-#include "marsk_quorvi/storage/migrations.hpp"
+#include "migrations.hpp"
 
-namespace marsk_quorvi::storage {
+namespace marsk_quorvi::storage::detail {
 
 namespace {
 
@@ -128,9 +128,9 @@ bool _empty_code_chunks(Cursor& cursor) {
 
 // ------------------------------------------------------------------ clearing and swap
 
-void Database::clear_all() {
+void DatabaseImpl::clear_all() {
   RowCounts row_counts;
-  transaction([&](Cursor& cursor) {
+  _transaction([&](Cursor& cursor) {
     for (const char* table : cleared_tables) {
       cursor.execute(std::string("SELECT COUNT(*) FROM ") + table);
       auto row = cursor.fetchone();
@@ -139,10 +139,10 @@ void Database::clear_all() {
     _empty_code_chunks(cursor);
     delete_index_rows(cursor);
   });
-  detail::log(spdlog::level::info, "clear_all: cleared all index data (rows removed: %s)", row_counts.to_string());
+  log(spdlog::level::info, "clear_all: cleared all index data (rows removed: %s)", row_counts.to_string());
 }
 
-RowCounts Database::swap_index_from(const std::filesystem::path& staging_path) {
+RowCounts DatabaseImpl::swap_index_from(const std::filesystem::path& staging_path) {
   std::error_code ec;
   if (!std::filesystem::exists(staging_path, ec)) {
     throw FileNotFoundError("Staging database not found: " + staging_path.string(), ENOENT);
@@ -165,7 +165,7 @@ RowCounts Database::swap_index_from(const std::filesystem::path& staging_path) {
       std::vector<std::pair<const char*, std::string>> col_lists;
       for (const char* table : insert_tables) col_lists.emplace_back(table, column_list(*conn, table));
 
-      transaction([&](Cursor& cursor) {
+      _transaction([&](Cursor& cursor) {
         // The live chunks are emptied whenever the live file has the table;
         // they are refilled only when the staging file has it too.
         const bool chunks = _empty_code_chunks(cursor) && _has_code_chunks(cursor, "stg");
@@ -202,7 +202,7 @@ RowCounts Database::swap_index_from(const std::filesystem::path& staging_path) {
     }
   }
 
-  detail::log(spdlog::level::info, "swap_index_from: replaced live index from %s (rows inserted: %s)",
+  log(spdlog::level::info, "swap_index_from: replaced live index from %s (rows inserted: %s)",
               staging_path.string(), row_counts.to_string());
   // Outside the lock: compaction takes it in short steps of its own, and
   // declines on the event loop. Its result is not this operation's concern.
@@ -212,7 +212,7 @@ RowCounts Database::swap_index_from(const std::filesystem::path& staging_path) {
 
 // ------------------------------------------------------------------ health
 
-RowCounts Database::get_stats() {
+RowCounts DatabaseImpl::get_stats() {
   RowCounts stats;
   stats.set("files", _count("SELECT COUNT(*) FROM files"));
   stats.set("symbols", _count("SELECT COUNT(*) FROM symbols WHERE " + models::listed_sql()));
@@ -222,20 +222,20 @@ RowCounts Database::get_stats() {
   return stats;
 }
 
-bool Database::check_integrity() {
+bool DatabaseImpl::check_integrity() {
   // Not a read statement by the routing rule: it runs on the writer
   // connection under the lock.
   auto result = fetchone("PRAGMA integrity_check");
   return result && (*result)[0].type() == Value::Type::Text && (*result)[0].as_text() == "ok";
 }
 
-void Database::record_error(std::string_view file_path, std::string_view error_type, std::optional<std::string> message,
-                            std::optional<std::int64_t> line) {
+void DatabaseImpl::record_error(std::string_view file_path, std::string_view error_type,
+                                const std::optional<std::string>& message, std::optional<std::int64_t> line) {
   execute("INSERT INTO index_errors (file_path, error_type, message, line) VALUES (?, ?, ?, ?)",
           {file_path, error_type, message, line});
 }
 
-void Database::clear_file_errors(std::string_view file_path, std::optional<std::string> error_type) {
+void DatabaseImpl::clear_file_errors(std::string_view file_path, const std::optional<std::string>& error_type) {
   if (!error_type) {
     execute("DELETE FROM index_errors WHERE file_path = ?", {file_path});
   } else {
@@ -243,6 +243,6 @@ void Database::clear_file_errors(std::string_view file_path, std::optional<std::
   }
 }
 
-std::int64_t Database::get_error_count() { return _count("SELECT COUNT(DISTINCT file_path) FROM index_errors"); }
+std::int64_t DatabaseImpl::get_error_count() { return _count("SELECT COUNT(DISTINCT file_path) FROM index_errors"); }
 
-}  // namespace marsk_quorvi::storage
+}  // namespace marsk_quorvi::storage::detail

@@ -1,27 +1,17 @@
 // Schema and index metadata: table creation and migration at every open, the
 // one-time page rewrite, the index generation and the extractor stamp.
-#include <algorithm>
-#include <cctype>
 #include <limits>
 
 #include <nlohmann/json.hpp>
 
+#include "database_impl.hpp"
 #include "log.hpp"
 #include "marsk_quorvi/storage/core_schema.hpp"
-#include "marsk_quorvi/storage/database.hpp"
-#include "marsk_quorvi/storage/migrations.hpp"
 #include "marsk_quorvi/storage/storage_size.hpp"
+#include "migrations.hpp"
+#include "text.hpp"
 
-namespace marsk_quorvi::storage {
-
-namespace {
-
-std::string lower(std::string s) {
-  std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return s;
-}
-
-}  // namespace
+namespace marsk_quorvi::storage::detail {
 
 // The stored form of a stamp: members in ascending key order (std::map keeps
 // UTF-8 byte order, which is code-point order), ", " and ": " as separators,
@@ -43,11 +33,11 @@ std::string _stamp_json(const ExtractorVersions& versions) {
 
 // ------------------------------------------------------------------ schema
 
-void Database::create_schema() {
-  transaction([](Cursor& cursor) { core_schema::create_tables(cursor); });
+void DatabaseImpl::create_schema() {
+  _transaction([](Cursor& cursor) { core_schema::create_tables(cursor); });
 }
 
-void Database::migrate_schema() {
+void DatabaseImpl::migrate_schema() {
   std::optional<Row> row;
   try {
     row = fetchone("SELECT value FROM schema_info WHERE key = 'version'");
@@ -56,16 +46,16 @@ void Database::migrate_schema() {
   }
   const std::string recorded = row ? (*row)[0].to_text() : migrations::OLDEST_VERSION;
   const std::string reached =
-      migrations::migrate([this](const std::function<void(Cursor&)>& body) { transaction(body); }, recorded);
+      migrations::migrate([this](const std::function<void(Cursor&)>& body) { _transaction(body); }, recorded);
   if (reached != migrations::SCHEMA_VERSION) return;
-  detail::log(spdlog::level::info, "Schema version %s (recorded %s)", reached, recorded);
+  log(spdlog::level::info, "Schema version %s (recorded %s)", reached, recorded);
   _rewrite_pages();
 }
 
-void Database::_rewrite_pages() {
+void DatabaseImpl::_rewrite_pages() {
   std::lock_guard lock(_lock);
   auto conn = connection();
-  const _Space space = _space(*conn);
+  const Space space = _space(*conn);
   if (space.page_size >= storage_size::PAGE_SIZE) return;
   const std::int64_t used = (space.pages - space.free) * space.page_size;
   const auto why_not = _disk_shortfall(db_path.parent_path(), used);
@@ -89,19 +79,19 @@ void Database::_rewrite_pages() {
   // answer the file's.
   conn->execute("PRAGMA schema_version").close();
   auto mode_row = conn->execute("PRAGMA journal_mode").fetchone();
-  const std::string mode = mode_row ? lower((*mode_row)[0].to_text()) : std::string();
+  const std::string mode = mode_row ? ascii_lower((*mode_row)[0].to_text()) : std::string();
   _readers.store(_open_readers(mode));
   if (failure) std::rethrow_exception(failure);
 }
 
 // ------------------------------------------------------------------ generation
 
-std::int64_t Database::index_generation() {
+std::int64_t DatabaseImpl::index_generation() {
   auto row = fetchone("PRAGMA user_version");
   return row ? (*row)[0].as_int() : 0;
 }
 
-void Database::_bump_index_generation(Cursor* cursor) {
+void DatabaseImpl::_bump_index_generation(Cursor* cursor) {
   const std::string sql = "PRAGMA user_version = " + std::to_string(index_generation() + 1);
   if (cursor) {
     cursor->execute(sql);
@@ -132,35 +122,35 @@ std::optional<ExtractorVersions> _parse_extractor_stamp(const std::optional<std:
     }
     if (known) return versions;
   }
-  detail::log(spdlog::level::warn, "Extractor stamp %s has an unknown format; treating it as absent",
-              detail::quoted_repr(*raw));
+  log(spdlog::level::warn, "Extractor stamp %s has an unknown format; treating it as absent",
+              quoted_repr(*raw));
   return std::nullopt;
 }
 
-std::int64_t Database::refresh_extractor_stamp(const ExtractorVersions& versions) {
+std::int64_t DatabaseImpl::refresh_extractor_stamp(const ExtractorVersions& versions) {
   const ExtractorVersions current = versions;
   std::vector<std::string> changed;
-  const std::int64_t marked = transaction([&](Cursor& cursor) -> std::int64_t {
+  std::int64_t marked = 0;
+  _transaction([&](Cursor& cursor) {
     cursor.execute("SELECT value FROM schema_info WHERE key = ?", {EXTRACTOR_VERSIONS_KEY});
     const auto row = cursor.fetchone();
     const auto parsed = _parse_extractor_stamp(row ? std::optional<std::string>((*row)[0].to_text()) : std::nullopt);
     const ExtractorVersions stored = parsed.value_or(ExtractorVersions{});
-    if (stored == current) return 0;  // unchanged: nothing is written
+    if (stored == current) return;  // unchanged: nothing is written
     for (const auto& [language, version] : current) {
       const auto it = stored.find(language);
       if (it == stored.end() || it->second != version) changed.push_back(language);
     }
-    const std::int64_t n = changed.empty() ? 0 : migrations::mark_files_stale(cursor, changed);
+    marked = changed.empty() ? 0 : migrations::mark_files_stale(cursor, changed);
     cursor.execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)",
                    {EXTRACTOR_VERSIONS_KEY, _stamp_json(current)});
-    return n;
   });
   if (marked != 0) {
     std::string names;
     for (const auto& language : changed) names += (names.empty() ? "" : ", ") + language;
-    detail::log(spdlog::level::info, "Extractor changed for %s: %d files marked for re-indexing", names, marked);
+    log(spdlog::level::info, "Extractor changed for %s: %d files marked for re-indexing", names, marked);
   }
   return marked;
 }
 
-}  // namespace marsk_quorvi::storage
+}  // namespace marsk_quorvi::storage::detail

@@ -11,11 +11,11 @@
 #include <utility>
 #include <vector>
 
+#include "database_impl.hpp"
 #include "log.hpp"
-#include "marsk_quorvi/storage/database.hpp"
-#include "marsk_quorvi/storage/platform.hpp"
+#include "platform.hpp"
 
-namespace marsk_quorvi::storage {
+namespace marsk_quorvi::storage::detail {
 
 namespace {
 
@@ -68,13 +68,13 @@ std::int64_t size_on_disk(const std::filesystem::path& path) { return platform::
 
 // ------------------------------------------------------------------ measurement
 
-_Space Database::_space(Connection& connection) {
+Space DatabaseImpl::_space(Connection& connection) {
   // SQLite answers "PRAGMA auto_vacuum" from what it cached when this
   // connection last read the header, without reading the file; another
   // process may have rewritten the file since. A statement that reads the
   // header first makes the mode current.
   pragma_int(connection, "schema_version");
-  _Space space;
+  Space space;
   space.mode = pragma_int(connection, "auto_vacuum");
   space.pages = pragma_int(connection, "page_count");
   space.free = pragma_int(connection, "freelist_count");
@@ -111,8 +111,8 @@ std::optional<std::string> _disk_shortfall(const std::filesystem::path& db_dir_g
   for (const auto& [directory, needed] : needs) {
     const std::int64_t free = platform::disk_usage(directory).free;
     if (free < needed) {
-      return "not enough disk space: " + std::to_string(free / _MIB) + " MiB free in " + directory.string() + ", " +
-             std::to_string(needed / _MIB) + " MiB needed";
+      return "not enough disk space: " + std::to_string(free / kMiB) + " MiB free in " + directory.string() + ", " +
+             std::to_string(needed / kMiB) + " MiB needed";
     }
   }
   return std::nullopt;
@@ -120,20 +120,18 @@ std::optional<std::string> _disk_shortfall(const std::filesystem::path& db_dir_g
 
 // ------------------------------------------------------------------ compaction
 
-Compaction Database::compact() {
+Compaction DatabaseImpl::compact() {
   try {
     return _compact();
-  } catch (const Error& e) {
-    return _skip_compaction("failed", std::string("failed: ") + e.what(), spdlog::level::warn, true);
-  } catch (const OSError& e) {
+  } catch (const QuorviError& e) {
     return _skip_compaction("failed", std::string("failed: ") + e.what(), spdlog::level::warn, true);
   }
 }
 
-Compaction Database::_compact() {
+Compaction DatabaseImpl::_compact() {
   if (_on_event_loop()) return _skip_compaction("loop", "called on the event loop: a pool thread compacts");
 
-  _Space space;
+  Space space;
   {
     std::lock_guard lock(_lock);
     auto connection = _connection.load();
@@ -146,7 +144,7 @@ Compaction Database::_compact() {
       static_cast<double>(space.free) < static_cast<double>(space.pages) * COMPACT_MIN_FREE_RATIO) {
     return Compaction{};
   }
-  if (space.mode == _AUTO_VACUUM_NONE) return _convert_to_incremental(space);
+  if (space.mode == kAutoVacuumNone) return _convert_to_incremental(space);
 
   const auto started = Clock::now();
   const std::int64_t size_before = size_on_disk(db_path);
@@ -156,13 +154,13 @@ Compaction Database::_compact() {
     if (auto connection = _connection.load()) _shrink_file(*connection);
   }
   if (released != 0) {
-    detail::log(spdlog::level::info, "Compacted %s: %d free pages released (%d -> %d MiB) in %.1fs", db_path.string(),
-                released, size_before / _MIB, size_on_disk(db_path) / _MIB, seconds_since(started));
+    log(spdlog::level::info, "Compacted %s: %d free pages released (%d -> %d MiB) in %.1fs", db_path.string(),
+                released, size_before / kMiB, size_on_disk(db_path) / kMiB, seconds_since(started));
   }
   return Compaction{false, released, std::nullopt};
 }
 
-std::int64_t Database::_release_free_pages() {
+std::int64_t DatabaseImpl::_release_free_pages() {
   static const std::string step = "PRAGMA incremental_vacuum(" + std::to_string(COMPACT_STEP_PAGES) + ")";
   std::int64_t released = 0;
   for (;;) {
@@ -191,18 +189,18 @@ std::int64_t Database::_release_free_pages() {
   return released;
 }
 
-void Database::_shrink_file(Connection& connection) {
+void DatabaseImpl::_shrink_file(Connection& connection) {
   auto cursor = connection.execute("PRAGMA wal_checkpoint(TRUNCATE)");
   auto row = cursor.fetchone();
   cursor.close();
   if (row && (*row)[0].as_int() != 0) {
-    detail::log(spdlog::level::info,
+    log(spdlog::level::info,
                 "Compaction of %s: a reader still uses an older snapshot, so the file shrinks at a later checkpoint",
                 db_path.string());
   }
 }
 
-Compaction Database::_skip_compaction(const std::string& kind, const std::string& reason,
+Compaction DatabaseImpl::_skip_compaction(const std::string& kind, const std::string& reason,
                                       spdlog::level::level_enum level, bool exc_info) {
   bool first;
   {
@@ -212,27 +210,27 @@ Compaction Database::_skip_compaction(const std::string& kind, const std::string
   const auto at = first ? level : spdlog::level::debug;
   if (exc_info) {
     if (database_logger()->should_log(at)) {
-      detail::log(at, "Compaction of %s skipped: %s\n%s", db_path.string(), reason,
-                  detail::describe_exception(std::current_exception()));
+      log(at, "Compaction of %s skipped: %s\n%s", db_path.string(), reason,
+                  describe_exception(std::current_exception()));
     }
   } else {
-    detail::log(at, "Compaction of %s skipped: %s", db_path.string(), reason);
+    log(at, "Compaction of %s skipped: %s", db_path.string(), reason);
   }
   return Compaction{false, 0, reason};
 }
 
 // ------------------------------------------------------------------ conversion
 
-Compaction Database::_convert_to_incremental(const _Space& space) {
+Compaction DatabaseImpl::_convert_to_incremental(const Space& space) {
   if (_conversion_failed.load()) {
     return _skip_compaction("failed", "an earlier conversion failed or changed nothing: not retried");
   }
   const std::int64_t used = (space.pages - space.free) * space.page_size;
   if (used > COMPACT_CONVERT_MAX_BYTES) {
     // Judged again at every compaction: the data may shrink below the limit.
-    return _skip_compaction("large", "too large to convert in place: " + std::to_string(used / _MIB) +
+    return _skip_compaction("large", "too large to convert in place: " + std::to_string(used / kMiB) +
                                          " MiB of data, the limit is " +
-                                         std::to_string(COMPACT_CONVERT_MAX_BYTES / _MIB) +
+                                         std::to_string(COMPACT_CONVERT_MAX_BYTES / kMiB) +
                                          " MiB; its free pages stay until the index file is rebuilt");
   }
   // Without a read pool every query runs on the writer connection and would
@@ -244,40 +242,37 @@ Compaction Database::_convert_to_incremental(const _Space& space) {
 
   const auto started = Clock::now();
   const std::int64_t size_before = size_on_disk(db_path);
-  _Space after;
+  Space after;
   try {
     // The whole rewrite holds the writer; queries go on on the read pool.
     std::lock_guard lock(_lock);
     auto connection = _connection.load();
     if (!connection) return _skip_compaction("closed", "the database is closed");
     // Another thread or process may have converted it since it was measured.
-    if (_space(*connection).mode != _AUTO_VACUUM_NONE) return Compaction{};
+    if (_space(*connection).mode != kAutoVacuumNone) return Compaction{};
     _vacuum(*connection);
     _shrink_file(*connection);
     after = _space(*connection);
-  } catch (const Error&) {
-    _conversion_failed.store(true);
-    throw;
-  } catch (const OSError&) {
+  } catch (const QuorviError&) {
     _conversion_failed.store(true);
     throw;
   }
 
-  if (after.mode != _AUTO_VACUUM_INCREMENTAL) {
+  if (after.mode != kAutoVacuumIncremental) {
     _conversion_failed.store(true);
     return _skip_compaction("failed", "the file was rewritten but is not in incremental auto-vacuum mode");
   }
   const std::int64_t released = space.pages - after.pages;
-  detail::log(spdlog::level::info,
+  log(spdlog::level::info,
               "Converted %s to incremental auto-vacuum: %d free pages released (%d -> %d MiB) in %.1fs",
-              db_path.string(), released, size_before / _MIB, size_on_disk(db_path) / _MIB, seconds_since(started));
+              db_path.string(), released, size_before / kMiB, size_on_disk(db_path) / kMiB, seconds_since(started));
   return Compaction{true, released, std::nullopt};
 }
 
-void Database::_vacuum(Connection& connection) {
+void DatabaseImpl::_vacuum(Connection& connection) {
   // The mode reaches an existing file only through the rewrite that follows.
   connection.execute("PRAGMA auto_vacuum=INCREMENTAL").close();
   connection.execute("VACUUM").close();
 }
 
-}  // namespace marsk_quorvi::storage
+}  // namespace marsk_quorvi::storage::detail

@@ -4,9 +4,6 @@
 #include <spdlog/spdlog.h>
 
 #include "marsk_quorvi/errors.hpp"
-#include "marsk_quorvi/storage/migrations.hpp"
-#include "marsk_quorvi/storage/reader_pool.hpp"
-#include "marsk_quorvi/storage/sqlite.hpp"
 
 namespace marsk_quorvi::storage {
 
@@ -100,24 +97,20 @@ std::string describe_exception(std::exception_ptr error) {
   if (!error) return "";
   try {
     std::rethrow_exception(error);
-  } catch (const FileNotFoundError& e) {
-    return std::string("FileNotFoundError: ") + e.what();
-  } catch (const OSError& e) {
-    return std::string("OSError: ") + e.what();
-  } catch (const OperationalError& e) {
-    return std::string("OperationalError: ") + e.what();
-  } catch (const Error& e) {
-    return std::string("Error: ") + e.what();
-  } catch (const RuntimeError& e) {
-    return std::string("RuntimeError: ") + e.what();
-  } catch (const migrations::SchemaMigrationError& e) {
-    return std::string("SchemaMigrationError: ") + e.what();
-  } catch (const ReaderUnavailable& e) {
-    return std::string("ReaderUnavailable: ") + e.what();
+  } catch (const QuorviError& e) {
+    return std::string(e.kind()) + ": " + e.what();
   } catch (const std::exception& e) {
     return std::string("std::exception: ") + e.what();
   } catch (...) {
     return "unknown exception";
+  }
+}
+
+void log_swallowed(const char* what) noexcept {
+  try {
+    log(spdlog::level::debug, "Ignored a failure while %s\n%s", what, describe_exception(std::current_exception()));
+  } catch (...) {
+    // Not even the log line could be made; there is nothing left to report to.
   }
 }
 

@@ -31,4 +31,8 @@ std::string quoted_repr(std::string_view text);
 // carries an attached error.
 std::string describe_exception(std::exception_ptr error);
 
+// For a destructor's catch handler: logs at DEBUG what `what` raised, which
+// the destructor swallows because it must not throw.
+void log_swallowed(const char* what) noexcept;
+
 }  // namespace marsk_quorvi::storage::detail

@@ -6,18 +6,25 @@
 // after create_tables, which has already made every missing table in its
 // current shape; each step therefore looks at the shape it finds and leaves a
 // table that already has the current shape as it is.
-#include "marsk_quorvi/storage/migrations.hpp"
+#include "migrations.hpp"
 
 #include <algorithm>
 #include <charconv>
 #include <exception>
 
 #include "log.hpp"
+#include "marsk_quorvi/storage/core_schema.hpp"
 
 namespace marsk_quorvi::storage::migrations {
 
 const std::string OLDEST_VERSION = "1.0.0";
 const std::string SCHEMA_VERSION = "3.1.0";
+
+namespace {
+const std::string kBits = std::to_string(core_schema::CHUNK_ROWID_BITS);
+const std::string kMaxChunks = std::to_string(core_schema::MAX_CHUNKS_PER_FILE);
+const std::string kLastChunk = std::to_string(core_schema::MAX_CHUNKS_PER_FILE - 1);
+}  // namespace
 
 const std::string CODE_CHUNKS_DDL = R"sql(
 CREATE VIRTUAL TABLE IF NOT EXISTS main.code_chunks USING fts5(
@@ -27,7 +34,8 @@ CREATE VIRTUAL TABLE IF NOT EXISTS main.code_chunks USING fts5(
   exact UNINDEXED
 );
 CREATE TRIGGER IF NOT EXISTS main.files_delete_code_chunks AFTER DELETE ON files BEGIN
-  DELETE FROM code_chunks WHERE rowid BETWEEN (old.id << 20) AND (old.id << 20) + 1048575;
+  DELETE FROM code_chunks WHERE rowid BETWEEN (old.id << )sql" +
+                                    kBits + ") AND (old.id << " + kBits + ") + " + kLastChunk + R"sql(;
 END;
 )sql";
 
@@ -113,11 +121,11 @@ void key_chunks_by_rowid(Cursor& c) {
     run_ddl(c, CODE_CHUNKS_DDL);
     c.execute(
         "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) "
-        "SELECT (file_id << 20) + n, text, start_line, end_line, 0 FROM ("
+        "SELECT (file_id << " + kBits + ") + n, text, start_line, end_line, 0 FROM ("
         "SELECT file_id, text, start_line, end_line, "
         "row_number() OVER (PARTITION BY file_id ORDER BY rowid) - 1 AS n "
         "FROM code_chunks_v3_0 WHERE file_id IN (SELECT id FROM files)) "
-        "WHERE n < 1048576");
+        "WHERE n < " + kMaxChunks);
     c.execute("DROP TABLE code_chunks_v3_0");
   } else {
     c.execute("DROP TABLE code_chunks");
@@ -141,7 +149,7 @@ constexpr Step STEPS[] = {
 // Called from the handler of a step's failure; the step's transaction has
 // rolled back, so the file is still at `reached`.
 [[noreturn]] void fail(const std::string& reached, const char* version, const char* what) {
-  detail::log(spdlog::level::err, "Schema migration from %s to %s failed\n%s", reached, version,
+  detail::log(spdlog::level::warn, "Schema migration from %s to %s failed\n%s", reached, version,
               detail::describe_exception(std::current_exception()));
   throw SchemaMigrationError("Schema migration to " + std::string(version) + " failed: " + what);
 }

@@ -1,6 +1,6 @@
 // The operating-system queries behind space reclamation, and the seams by
 // which tests replace them.
-#include "marsk_quorvi/storage/platform.hpp"
+#include "platform.hpp"
 
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -13,18 +13,20 @@
 
 #include "marsk_quorvi/errors.hpp"
 
+namespace marsk_quorvi {
+
+void raise_os_error(int error_number, const std::filesystem::path& path) {
+  const std::string message =
+      "[Errno " + std::to_string(error_number) + "] " + std::strerror(error_number) + ": '" + path.string() + "'";
+  if (error_number == ENOENT) throw FileNotFoundError(message, error_number, path);
+  throw OSError(message, error_number, path);
+}
+
+}  // namespace marsk_quorvi
+
 namespace marsk_quorvi::storage::platform {
 
 namespace {
-
-// "[Errno 2] No such file or directory: '/x'": the errno, its text and the
-// path, so that a compaction's reason says which call failed on what.
-[[noreturn]] void raise_os_error(int error_number, const std::filesystem::path& path) {
-  const std::string message =
-      "[Errno " + std::to_string(error_number) + "] " + std::strerror(error_number) + ": '" + path.string() + "'";
-  if (error_number == ENOENT) throw FileNotFoundError(message, error_number);
-  throw OSError(message, error_number);
-}
 
 VolumeUsage real_disk_usage(const std::filesystem::path& directory) {
   struct statvfs st {};

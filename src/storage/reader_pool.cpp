@@ -1,4 +1,6 @@
-#include "marsk_quorvi/storage/reader_pool.hpp"
+#include "reader_pool.hpp"
+
+#include "log.hpp"
 
 namespace marsk_quorvi::storage {
 
@@ -9,6 +11,7 @@ ReaderPool::~ReaderPool() {
   try {
     close();
   } catch (...) {
+    detail::log_swallowed("closing the read pool");
   }
 }
 
@@ -65,11 +68,7 @@ void ReaderPool::give_back(std::shared_ptr<Connection> conn) noexcept {
     // The pool closed meanwhile. The connection is closed before it counts
     // as returned, so that close() comes back only when none of this pool's
     // connections has the file open any more (a page rewrite relies on it).
-    try {
-      conn->close();
-    } catch (...) {
-      // Nothing is left to do with a connection that fails to close.
-    }
+    conn->close();
     std::lock_guard lk(mu_);
     --leased_;
     --open_;

@@ -12,28 +12,31 @@ namespace marsk_quorvi::storage {
 
 namespace detail {
 
+struct FinalizeStmt {
+  void operator()(sqlite3_stmt* stmt) const noexcept { sqlite3_finalize(stmt); }
+};
+
 // A prepared statement with what the cursor needs to know about it, computed
 // once at prepare time and kept with it in the cache.
 struct Statement {
-  Connection* owner = nullptr;
+  Connection* owner = nullptr;  // outlives the statement: its cursor holds it
   std::string sql;
-  sqlite3_stmt* stmt = nullptr;
+  std::unique_ptr<sqlite3_stmt, FinalizeStmt> stmt;  // null for an empty statement
   std::shared_ptr<const std::vector<std::string>> names;
   bool readonly = true;  // sqlite3_stmt_readonly
   bool dml = false;      // INSERT/UPDATE/DELETE/REPLACE: rowcount applies
-  // Under the owner's mutex: whether the cache holds this statement (and
-  // `pos` is its place in the LRU list), and whether a cursor has it now.
-  bool cached = false;
-  bool in_use = false;
-  std::list<Statement*>::iterator pos;
-
-  ~Statement() {
-    if (stmt) sqlite3_finalize(stmt);
-  }
 };
 
 void StatementReturn::operator()(Statement* s) const noexcept {
-  if (s) s->owner->give_back(s);
+  if (s) s->owner->give_back(OwnedStatement(s));
+}
+
+void StatementDelete::operator()(Statement* s) const noexcept { delete s; }
+
+void CloseDb::operator()(sqlite3* db) const noexcept {
+  // close_v2 keeps the handle as a zombie until the statements that open
+  // cursors still hold are finalised.
+  sqlite3_close_v2(db);
 }
 
 }  // namespace detail
@@ -177,8 +180,6 @@ bool lost_schema_race(sqlite3* db, int rc) {
 
 // ---------------------------------------------------------------- errors
 
-Error::Error(const std::string& message, int code) : std::runtime_error(message), code_(code) {}
-
 void raise_error(int rc, const std::string& message) {
   if (is_operational(rc)) throw OperationalError(message, rc);
   throw Error(message, rc);
@@ -220,9 +221,9 @@ const std::string& Value::as_text() const {
   return std::get<std::string>(v_);
 }
 
-const Blob& Value::as_blob() const {
+const Bytes& Value::as_blob() const {
   if (type() != Type::Blob) throw Error("value is not a blob: " + to_text());
-  return std::get<Blob>(v_);
+  return std::get<Bytes>(v_);
 }
 
 std::string Value::to_text() const {
@@ -240,7 +241,7 @@ std::string Value::to_text() const {
     case Type::Text:
       return std::get<std::string>(v_);
     case Type::Blob: {
-      const auto& b = std::get<Blob>(v_);
+      const auto& b = std::get<Bytes>(v_);
       return std::string(b.begin(), b.end());
     }
   }
@@ -271,73 +272,71 @@ const Value& Row::operator[](std::string_view name) const {
 // ---------------------------------------------------------------- Connection
 
 Connection::Connection(sqlite3* db, std::string path, Options options)
-    : db_(db), path_(std::move(path)), options_(options) {}
+    : path_(std::move(path)), options_(options), db_(db), open_(true) {}
 
 std::shared_ptr<Connection> Connection::open(const std::string& path, const Options& options) {
   int flags = options.readonly ? SQLITE_OPEN_READONLY : (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
   flags |= options.serialized ? SQLITE_OPEN_FULLMUTEX : SQLITE_OPEN_NOMUTEX;
-  sqlite3* db = nullptr;
-  int rc = sqlite3_open_v2(path.c_str(), &db, flags, nullptr);
-  if (rc != SQLITE_OK) {
-    std::string message = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
-    sqlite3_close_v2(db);
-    raise_error(rc, message);
-  }
-  sqlite3_busy_timeout(db, options.busy_timeout_ms);
-  return std::shared_ptr<Connection>(new Connection(db, path, options));
+  sqlite3* raw = nullptr;
+  const int rc = sqlite3_open_v2(path.c_str(), &raw, flags, nullptr);
+  // Owned from here on, also when the open failed (SQLite may still have
+  // allocated a handle that carries the message).
+  std::unique_ptr<sqlite3, detail::CloseDb> db(raw);
+  if (rc != SQLITE_OK) raise_error(rc, db ? sqlite3_errmsg(db.get()) : sqlite3_errstr(rc));
+  sqlite3_busy_timeout(db.get(), options.busy_timeout_ms);
+  return std::shared_ptr<Connection>(new Connection(db.release(), path, options));
 }
 
 Connection::~Connection() { close(); }
 
-void Connection::close() {
-  sqlite3* db;
-  std::vector<detail::Statement*> doomed;
+void Connection::close() noexcept {
+  std::unique_ptr<sqlite3, detail::CloseDb> db;
+  std::list<detail::OwnedStatement> idle;
   {
     std::lock_guard lk(mu_);
-    db = db_.exchange(nullptr);
-    for (auto* s : lru_) {
-      s->cached = false;
-      // A statement in use is finalised when its cursor gives it back.
-      if (!s->in_use) doomed.push_back(s);
-    }
-    lru_.clear();
+    open_.store(false);
+    db = std::move(db_);
+    idle.swap(idle_);
     index_.clear();
   }
-  for (auto* s : doomed) delete s;
-  // close_v2 keeps the handle as a zombie until the statements that open
-  // cursors still hold are finalised.
-  if (db) sqlite3_close_v2(db);
+  // Finalised before the handle closes; statements held by cursors are
+  // finalised when they come back.
+  idle.clear();
 }
 
-bool Connection::closed() const noexcept { return db_.load() == nullptr; }
+bool Connection::closed() const noexcept { return !open_.load(std::memory_order_acquire); }
 
-sqlite3* Connection::handle() const noexcept { return db_.load(); }
+sqlite3* Connection::handle() const noexcept {
+  std::lock_guard lk(mu_);
+  return db_.get();
+}
 
 detail::StatementPtr Connection::acquire(std::string_view sql) {
   sqlite3* db;
   {
     std::lock_guard lk(mu_);
-    db = db_.load();
+    db = db_.get();
     if (!db) throw Error("Cannot operate on a closed database.", SQLITE_MISUSE);
-    if (auto it = index_.find(sql); it != index_.end() && !it->second->in_use) {
-      detail::Statement* s = it->second;
-      s->in_use = true;
-      lru_.splice(lru_.begin(), lru_, s->pos);
-      return detail::StatementPtr(s);
+    if (auto it = index_.find(sql); it != index_.end()) {
+      detail::OwnedStatement s = std::move(*it->second);
+      idle_.erase(it->second);
+      index_.erase(it);
+      return detail::StatementPtr(s.release());
     }
   }
-  auto s = std::make_unique<detail::Statement>();
+  detail::OwnedStatement s(new detail::Statement);
   s->owner = this;
   s->sql = std::string(sql);
-  s->in_use = true;
   const char* tail = nullptr;
   int rc;
   std::string message;
   {
     DbMutex guard(db);
     for (int attempt = 1;; ++attempt) {
-      rc = sqlite3_prepare_v3(db, s->sql.data(), static_cast<int>(s->sql.size()), SQLITE_PREPARE_PERSISTENT,
-                              &s->stmt, &tail);
+      sqlite3_stmt* raw = nullptr;
+      rc = sqlite3_prepare_v3(db, s->sql.data(), static_cast<int>(s->sql.size()), SQLITE_PREPARE_PERSISTENT, &raw,
+                              &tail);
+      s->stmt.reset(raw);
       if (rc == SQLITE_OK || attempt == kSchemaRaceAttempts || !lost_schema_race(db, rc)) break;
     }
     if (rc != SQLITE_OK) message = sqlite3_errmsg(db);
@@ -349,74 +348,53 @@ detail::StatementPtr Connection::acquire(std::string_view sql) {
   if (tail && !skip_ignorable(std::string_view(tail, s->sql.data() + s->sql.size() - tail)).empty()) {
     throw Error("You can only execute one statement at a time.", SQLITE_MISUSE);
   }
-  if (s->stmt) {
-    const int n = sqlite3_column_count(s->stmt);
-    auto names = std::make_shared<std::vector<std::string>>();
+  auto names = std::make_shared<std::vector<std::string>>();
+  if (sqlite3_stmt* st = s->stmt.get()) {
+    const int n = sqlite3_column_count(st);
     names->reserve(static_cast<std::size_t>(n));
     for (int i = 0; i < n; ++i) {
-      const char* name = sqlite3_column_name(s->stmt, i);
+      const char* name = sqlite3_column_name(st, i);
       names->emplace_back(name ? name : "");
     }
-    s->names = std::move(names);
-    s->readonly = sqlite3_stmt_readonly(s->stmt) != 0;
+    s->readonly = sqlite3_stmt_readonly(st) != 0;
     s->dml = !s->readonly && is_dml(s->sql);
-  } else {
-    s->names = std::make_shared<std::vector<std::string>>();
   }
-  std::vector<detail::Statement*> evicted;
-  {
-    std::lock_guard lk(mu_);
-    // Another cursor of the same SQL may be running (or raced us here): this
-    // copy then lives only as long as its cursor.
-    if (db_.load() != nullptr && options_.statement_cache > 0 && !index_.contains(s->sql)) {
-      lru_.push_front(s.get());
-      s->pos = lru_.begin();
-      s->cached = true;
-      index_.emplace(s->sql, s.get());
-      evict_excess(evicted);
-    }
-  }
-  for (auto* v : evicted) delete v;
+  s->names = std::move(names);
   return detail::StatementPtr(s.release());
 }
 
-void Connection::evict_excess(std::vector<detail::Statement*>& evicted) {
-  // Drop the least recently used statements that no cursor holds. While more
-  // cursors are open than the cache holds it stays over its bound; the
-  // statements are trimmed as they come back.
-  std::size_t excess = lru_.size() > options_.statement_cache ? lru_.size() - options_.statement_cache : 0;
-  for (auto it = lru_.end(); excess > 0 && it != lru_.begin();) {
-    --it;
-    detail::Statement* victim = *it;
-    if (victim->in_use) continue;
-    index_.erase(victim->sql);
-    it = lru_.erase(it);
-    victim->cached = false;
-    evicted.push_back(victim);
-    --excess;
-  }
-}
-
-void Connection::give_back(detail::Statement* s) noexcept {
+void Connection::give_back(detail::OwnedStatement s) noexcept {
   if (s->stmt) {
-    sqlite3_reset(s->stmt);
-    sqlite3_clear_bindings(s->stmt);
+    sqlite3_reset(s->stmt.get());
+    sqlite3_clear_bindings(s->stmt.get());
   }
-  std::vector<detail::Statement*> evicted;
-  {
-    std::lock_guard lk(mu_);
-    s->in_use = false;
-    if (!s->cached) {
-      evicted.push_back(s);
-    } else if (lru_.size() > options_.statement_cache) {
-      try {
-        evict_excess(evicted);
-      } catch (...) {
-        // Out of memory for the list of victims: trim at the next return.
-      }
+  // Finalised outside the mutex, after the lock below is released.
+  detail::OwnedStatement evicted, trimmed;
+  std::lock_guard lk(mu_);
+  // A closed connection keeps nothing; nor is a second copy of a statement
+  // that two cursors ran at once.
+  if (!db_ || options_.statement_cache == 0 || index_.contains(s->sql)) {
+    evicted = std::move(s);
+    return;
+  }
+  try {
+    idle_.push_front(std::move(s));  // leaves `s` intact when it throws
+    try {
+      index_.emplace(idle_.front()->sql, idle_.begin());
+    } catch (...) {
+      evicted = std::move(idle_.front());
+      idle_.pop_front();
+      return;
     }
+  } catch (...) {
+    evicted = std::move(s);  // out of memory for the entry: not cached
+    return;
   }
-  for (auto* v : evicted) delete v;
+  if (idle_.size() > options_.statement_cache) {
+    index_.erase(idle_.back()->sql);
+    trimmed = std::move(idle_.back());
+    idle_.pop_back();
+  }
 }
 
 Cursor Connection::cursor() {
@@ -462,7 +440,7 @@ void Cursor::check_open() const {
 }
 
 bool Cursor::step_row(bool first) {
-  sqlite3_stmt* st = stmt_->stmt;
+  sqlite3_stmt* st = stmt_->stmt.get();
   int rc;
   {
     sqlite3* db = sqlite3_db_handle(st);
@@ -484,7 +462,7 @@ bool Cursor::step_row(bool first) {
 }
 
 Row Cursor::current_row() {
-  sqlite3_stmt* st = stmt_->stmt;
+  sqlite3_stmt* st = stmt_->stmt.get();
   const int n = sqlite3_column_count(st);
   if (static_cast<std::size_t>(n) != stmt_->names->size()) {
     // The statement was recompiled after a schema change and its shape moved.
@@ -512,7 +490,7 @@ Row Cursor::current_row() {
       }
       case SQLITE_BLOB: {
         const auto* p = static_cast<const std::uint8_t*>(sqlite3_column_blob(st, i));
-        values.emplace_back(Blob(p, p + sqlite3_column_bytes(st, i)));
+        values.emplace_back(Bytes(p, p + sqlite3_column_bytes(st, i)));
         break;
       }
       default:
@@ -533,9 +511,9 @@ Cursor& Cursor::execute(std::string_view sql, const Params& params) {
 
   stmt_ = conn_->acquire(sql);
   if (!stmt_->stmt) return *this;  // empty statement: no rows
-  bind_all(stmt_->stmt, params);
+  bind_all(stmt_->stmt.get(), params);
   done_ = false;
-  sqlite3* db = sqlite3_db_handle(stmt_->stmt);
+  sqlite3* db = sqlite3_db_handle(stmt_->stmt.get());
   if (stmt_->readonly) {
     has_pending_ = step_row(true);
     return *this;
@@ -562,12 +540,12 @@ Cursor& Cursor::executemany(std::string_view sql, const std::vector<Params>& par
   stmt_ = conn_->acquire(sql);
   if (!stmt_->stmt) return *this;
   if (stmt_->readonly) throw Error("executemany() can only execute DML statements.", SQLITE_MISUSE);
-  sqlite3* db = sqlite3_db_handle(stmt_->stmt);
+  sqlite3* db = sqlite3_db_handle(stmt_->stmt.get());
   std::int64_t total = 0;
   for (const auto& params : params_list) {
-    sqlite3_reset(stmt_->stmt);
-    sqlite3_clear_bindings(stmt_->stmt);
-    bind_all(stmt_->stmt, params);
+    sqlite3_reset(stmt_->stmt.get());
+    sqlite3_clear_bindings(stmt_->stmt.get());
+    bind_all(stmt_->stmt.get(), params);
     done_ = false;
     DbMutex guard(db);
     for (bool row = step_row(true); row; row = step_row()) {

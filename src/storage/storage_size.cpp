@@ -17,19 +17,16 @@
 #include <cctype>
 
 #include "log.hpp"
+#include "text.hpp"
 
 namespace marsk_quorvi::storage::storage_size {
 
 namespace {
 
-std::string lower(std::string s) {
-  std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return s;
-}
 
 std::string journal_mode(Connection& connection, const char* pragma) {
   auto row = connection.execute(pragma).fetchone();
-  return row ? lower((*row)[0].to_text()) : std::string();
+  return row ? detail::ascii_lower((*row)[0].to_text()) : std::string();
 }
 
 std::int64_t page_size(Connection& connection) {

@@ -14,7 +14,7 @@
 
 #include "fuzz_support.hpp"
 #include "storage/log.hpp"
-#include "marsk_quorvi/storage/database.hpp"
+#include "storage/database_impl.hpp"
 
 namespace {
 
@@ -39,15 +39,15 @@ bool valid_utf8(const std::string& s) {
 }
 
 void check_round_trip(const st::ExtractorVersions& versions) {
-  const std::string stored = st::_stamp_json(versions);
+  const std::string stored = st::detail::_stamp_json(versions);
   FUZZ_CHECK(ascii(stored));
   FUZZ_CHECK(stored.front() == '{' && stored.back() == '}');
   auto& log = captured_log();
-  const auto back = st::_parse_extractor_stamp(stored);
+  const auto back = st::detail::_parse_extractor_stamp(stored);
   FUZZ_CHECK(log.records.empty());
   FUZZ_CHECK(back.has_value());
   FUZZ_CHECK(*back == versions);
-  FUZZ_CHECK(st::_stamp_json(*back) == stored);
+  FUZZ_CHECK(st::detail::_stamp_json(*back) == stored);
 }
 
 }  // namespace
@@ -56,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string raw(reinterpret_cast<const char*>(data), size);
 
   auto& log = captured_log();
-  const auto parsed = st::_parse_extractor_stamp(raw);
+  const auto parsed = st::detail::_parse_extractor_stamp(raw);
   if (parsed) {
     FUZZ_CHECK(log.records.empty());
     const auto json = nlohmann::json::parse(raw, nullptr, false);
@@ -74,7 +74,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FUZZ_CHECK(log.records[0].second == "Extractor stamp " + st::detail::quoted_repr(raw) +
                                             " has an unknown format; treating it as absent");
   }
-  FUZZ_CHECK(!st::_parse_extractor_stamp(std::nullopt).has_value());
+  FUZZ_CHECK(!st::detail::_parse_extractor_stamp(std::nullopt).has_value());
 
   // A map of the caller's versions: any valid UTF-8 names, any integers.
   FuzzedDataProvider provider(data, size);

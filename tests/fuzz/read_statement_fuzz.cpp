@@ -11,11 +11,11 @@
 #include <string_view>
 
 #include "fuzz_support.hpp"
-#include "marsk_quorvi/storage/database.hpp"
+#include "storage/database_impl.hpp"
 
 namespace {
 
-using marsk_quorvi::storage::_is_read_statement;
+using marsk_quorvi::storage::detail::_is_read_statement;
 
 constexpr std::string_view kSpace = " \t\n\r\v\f";
 

@@ -38,12 +38,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct FaultDb : st::Database {
-  using Database::Database;
-  using Database::_conversion_failed;
-  using Database::_readers;
-  using Database::_rewrite_pages;
-};
+using FaultDb = marsk_quorvi::testing::TestDb;
 
 // ------------------------------------------------------------------ state
 
@@ -577,7 +572,7 @@ TEST_F(FaultInjection, CompactReleasingFreePagesInSteps) {
   };
   s.after_fault = [last](FaultDb& db, const Outcome& outcome, const std::string&) {
     expect_compaction_reported(outcome, *last);
-    EXPECT_EQ(pragma_of(db, "auto_vacuum"), st::_AUTO_VACUUM_INCREMENTAL);
+    EXPECT_EQ(pragma_of(db, "auto_vacuum"), st::detail::kAutoVacuumIncremental);
   };
   s.recover = [last](FaultDb& db, bool, const std::string&) {
     const auto again = db.compact();
@@ -601,17 +596,17 @@ TEST_F(FaultInjection, CompactConvertingAFileWithoutAutoVacuum) {
   };
   s.reference_check = [last](FaultDb& db, const std::string&) {
     EXPECT_TRUE(last->converted) << describe(*last);
-    EXPECT_EQ(pragma_of(db, "auto_vacuum"), st::_AUTO_VACUUM_INCREMENTAL);
+    EXPECT_EQ(pragma_of(db, "auto_vacuum"), st::detail::kAutoVacuumIncremental);
   };
   s.after_fault = [last](FaultDb& db, const Outcome& outcome, const std::string&) {
     expect_compaction_reported(outcome, *last);
     const auto mode = pragma_of(db, "auto_vacuum");
-    EXPECT_TRUE(mode == st::_AUTO_VACUUM_NONE || mode == st::_AUTO_VACUUM_INCREMENTAL) << mode;
-    if (last->skipped) EXPECT_TRUE(db._conversion_failed.load()) << "a failed rewrite is not marked";
-    if (mode == st::_AUTO_VACUUM_NONE) EXPECT_TRUE(last->skipped.has_value()) << describe(*last);
+    EXPECT_TRUE(mode == st::detail::kAutoVacuumNone || mode == st::detail::kAutoVacuumIncremental) << mode;
+    if (last->skipped) EXPECT_TRUE(db.impl()._conversion_failed.load()) << "a failed rewrite is not marked";
+    if (mode == st::detail::kAutoVacuumNone) EXPECT_TRUE(last->skipped.has_value()) << describe(*last);
   };
   s.recover = [last, path = s.prepared](FaultDb& db, bool, const std::string&) {
-    const bool converted = pragma_of(db, "auto_vacuum") == st::_AUTO_VACUUM_INCREMENTAL;
+    const bool converted = pragma_of(db, "auto_vacuum") == st::detail::kAutoVacuumIncremental;
     const auto again = db.compact();
     if (converted) {
       EXPECT_EQ(again, st::Compaction{}) << describe(again);
@@ -623,7 +618,7 @@ TEST_F(FaultInjection, CompactConvertingAFileWithoutAutoVacuum) {
     next.connect();
     const auto converted_now = next.compact();
     EXPECT_TRUE(converted_now.converted) << describe(converted_now);
-    EXPECT_EQ(pragma_of(next, "auto_vacuum"), st::_AUTO_VACUUM_INCREMENTAL);
+    EXPECT_EQ(pragma_of(next, "auto_vacuum"), st::detail::kAutoVacuumIncremental);
     next.close();
   };
   s.quick_points = 6;
@@ -636,7 +631,7 @@ TEST_F(FaultInjection, RewriteOfSmallPages) {
   s.prepared = prepare_small_pages();
   s.changes_rows = false;
   s.operation = [](FaultDb& db) {
-    db._rewrite_pages();
+    db.impl()._rewrite_pages();
     return std::string();
   };
   s.reference_check = [](FaultDb& db, const std::string&) {
@@ -648,21 +643,21 @@ TEST_F(FaultInjection, RewriteOfSmallPages) {
     EXPECT_TRUE(size == 4096 || size == st::storage_size::PAGE_SIZE) << size;
     // A pool only on a journal back in WAL mode (a failure while asking
     // for the mode leaves no pool at all: queries share the writer).
-    if (db._readers.load() != nullptr) EXPECT_EQ(journal_mode(db), "wal");
+    if (db.impl()._readers.load() != nullptr) EXPECT_EQ(journal_mode(db), "wal");
   };
   s.recover = [s](FaultDb& db, bool, const std::string&) {
     s.operation(db);
     EXPECT_EQ(pragma_of(db, "page_size"), st::storage_size::PAGE_SIZE);
-    if (db._readers.load() != nullptr) EXPECT_EQ(journal_mode(db), "wal");
+    if (db.impl()._readers.load() != nullptr) EXPECT_EQ(journal_mode(db), "wal");
     // A rewrite that succeeded before the failure is not done again: a
     // journal left in rollback mode, or a pool not reopened, comes back at
     // the next open.
-    if (db._readers.load() == nullptr || journal_mode(db) != "wal") {
+    if (db.impl()._readers.load() == nullptr || journal_mode(db) != "wal") {
       db.close();
       db.connect();
     }
     EXPECT_EQ(journal_mode(db), "wal");
-    EXPECT_NE(db._readers.load(), nullptr);
+    EXPECT_NE(db.impl()._readers.load(), nullptr);
   };
   sweep(s);
 }
@@ -682,7 +677,7 @@ TEST_F(FaultInjection, AFailedReturnToWalLeavesNoReadPool) {
     FaultDb db(work);
     db.connect();
     vfs.reset_counts();
-    db._rewrite_pages();
+    db.impl()._rewrite_pages();
     writes = vfs.count(FaultOp::write);
     db.close();
   }
@@ -692,7 +687,7 @@ TEST_F(FaultInjection, AFailedReturnToWalLeavesNoReadPool) {
   db.connect();
   vfs.arm({FaultOp::write, writes, FaultError::io, false});
   try {
-    db._rewrite_pages();
+    db.impl()._rewrite_pages();
     ADD_FAILURE() << "the rewrite did not raise";
   } catch (const st::OperationalError& e) {
     EXPECT_STREQ(e.what(), "disk I/O error");
@@ -701,11 +696,11 @@ TEST_F(FaultInjection, AFailedReturnToWalLeavesNoReadPool) {
   ASSERT_EQ(vfs.fired(), 1);
   EXPECT_EQ(pragma_of(db, "page_size"), st::storage_size::PAGE_SIZE);  // the VACUUM itself committed
   EXPECT_EQ(journal_mode(db), "delete");
-  EXPECT_TRUE(db._readers.load() == nullptr) << "a read pool on a file in rollback mode";
+  EXPECT_TRUE(db.impl()._readers.load() == nullptr) << "a read pool on a file in rollback mode";
   db.close();
   db.connect();
   EXPECT_EQ(journal_mode(db), "wal");
-  EXPECT_TRUE(db._readers.load() != nullptr);
+  EXPECT_TRUE(db.impl()._readers.load() != nullptr);
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "marsk_quorvi/storage/database.hpp"
+#include "support/test_support.hpp"
 
 namespace marsk_quorvi::testing {
 
@@ -139,24 +140,10 @@ class PageTrace {
 };
 
 // Reaches the internals of the handle by name.
-struct SpaceDb : marsk_quorvi::storage::Database {
-  using Database::Database;
-  using Database::_compact;
-  using Database::_compaction_noted;
-  using Database::_compaction_noted_mu;
-  using Database::_conversion_failed;
-  using Database::_convert_to_incremental;
-  using Database::_lock;
-  using Database::_readers;
-  using Database::_release_free_pages;
-  using Database::_shrink_file;
-  using Database::_skip_compaction;
-  using Database::_space;
-  using Database::_vacuum;
-};
+using SpaceDb = TestDb;
 
 inline std::int64_t pragma(SpaceDb& db, const std::string& name) {
-  std::lock_guard lock(db._lock);
+  std::lock_guard lock(db.impl()._lock);
   return (*db.connection()->execute("PRAGMA " + name).fetchone())[0].as_int();
 }
 

@@ -13,8 +13,15 @@
 #include <vector>
 
 #include "marsk_quorvi/storage/database.hpp"
+#include "storage/database_impl.hpp"
 
 namespace marsk_quorvi::testing {
+
+// A handle whose internals a test reaches by name: `db.impl()._readers`.
+struct TestDb : storage::Database {
+  using Database::Database;
+  storage::detail::DatabaseImpl& impl() { return storage::detail::internals(*this); }
+};
 
 struct LogRecord {
   spdlog::level::level_enum level;

@@ -8,9 +8,9 @@
 #include <sstream>
 
 #include "marsk_quorvi/errors.hpp"
+#include "marsk_quorvi/storage/core_schema.hpp"
 #include "marsk_quorvi/storage/database.hpp"
 #include "marsk_quorvi/storage/logging.hpp"
-#include "marsk_quorvi/storage/migrations.hpp"
 #include "quorvi/args.hpp"
 #include "quorvi/bench_runner.hpp"
 #include "quorvi/index_pass.hpp"
@@ -51,7 +51,7 @@ int code_for_sqlite(const storage::Error& e) {
   }
 }
 
-std::string mib(std::int64_t bytes) { return std::to_string(bytes / storage::_MIB) + " MiB"; }
+std::string mib(std::int64_t bytes) { return std::to_string(bytes / 1048576) + " MiB"; }
 
 std::string seconds(double s) {
   std::ostringstream o;
@@ -287,7 +287,8 @@ int cmd_search(Context& ctx) {
     hits = db.fetchall(
         "SELECT f.path, h.rid, h.start_line, h.end_line, h.rank FROM ("
         "SELECT rowid AS rid, start_line, end_line, rank FROM code_chunks WHERE code_chunks MATCH ? "
-        "ORDER BY rank LIMIT ?) AS h JOIN files AS f ON f.id = (h.rid >> 20) ORDER BY h.rank",
+        "ORDER BY rank LIMIT ?) AS h JOIN files AS f ON f.id = (h.rid >> " +
+            std::to_string(storage::core_schema::CHUNK_ROWID_BITS) + ") ORDER BY h.rank",
         {query, limit});
   } catch (const storage::Error& e) {
     if (code_for_sqlite(e) != EXIT_FAILED) throw;

@@ -171,7 +171,7 @@ StagingCounts generate_staging_rows(const fs::path& repo, const Extraction& extr
         end = nl == std::string::npos ? f.text.size() : nl + 1;
         ++lines;
       }
-      rows.chunk((file_id << 20) + n, std::string_view(f.text).substr(pos, end - pos), line, line + lines - 1);
+      rows.chunk(storage::core_schema::chunk_rowid(file_id, n), std::string_view(f.text).substr(pos, end - pos), line, line + lines - 1);
       ++n;
       line += lines;
       pos = end;

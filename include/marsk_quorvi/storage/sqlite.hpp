@@ -13,7 +13,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -27,27 +26,7 @@ struct sqlite3_stmt;
 
 namespace marsk_quorvi::storage {
 
-// Every SQLite failure. The message is SQLite's own text; `code()` is the
-// (extended) result code that SQLite returned.
-class Error : public std::runtime_error {
- public:
-  explicit Error(const std::string& message, int code = 1);
-  int code() const noexcept { return code_; }
-
- private:
-  int code_;
-};
-
-// Failures of the database's operation rather than of the statement's data:
-// a statement that cannot be prepared (missing table, syntax), a busy or
-// locked file, a read-only database, a file that cannot be opened, I/O
-// errors, a full disk.
-class OperationalError : public Error {
- public:
-  using Error::Error;
-};
-
-using Blob = std::vector<std::uint8_t>;
+using Bytes = std::vector<std::uint8_t>;
 
 // One SQL value: null, 64-bit integer, double, text (UTF-8) or blob.
 class Value {
@@ -64,7 +43,7 @@ class Value {
   Value(std::string v) noexcept : v_(std::move(v)) {}
   Value(std::string_view v) : v_(std::string(v)) {}
   Value(const char* v) : v_(std::string(v)) {}
-  Value(Blob v) noexcept : v_(std::move(v)) {}
+  Value(Bytes v) noexcept : v_(std::move(v)) {}
   template <class T>
   Value(const std::optional<T>& v) : Value() {
     if (v) *this = Value(*v);
@@ -80,7 +59,7 @@ class Value {
   double as_double() const;
   // The text of a text value. Raises Error for any other type.
   const std::string& as_text() const;
-  const Blob& as_blob() const;
+  const Bytes& as_blob() const;
   // The value converted to text whatever its type: integers in decimal, reals
   // in their shortest round-trip form, blobs as their bytes, null as "NULL".
   std::string to_text() const;
@@ -88,7 +67,7 @@ class Value {
   bool operator==(const Value&) const = default;
 
  private:
-  std::variant<std::monostate, std::int64_t, double, std::string, Blob> v_;
+  std::variant<std::monostate, std::int64_t, double, std::string, Bytes> v_;
 };
 
 using Params = std::vector<Value>;
@@ -116,10 +95,19 @@ class Row {
 class Connection;
 namespace detail {
 struct Statement;
+// Hands a statement back to its connection's cache (or finalises it) when the
+// cursor that holds it lets go.
 struct StatementReturn {
   void operator()(Statement* s) const noexcept;
 };
 using StatementPtr = std::unique_ptr<Statement, StatementReturn>;
+struct CloseDb {
+  void operator()(sqlite3* db) const noexcept;
+};
+struct StatementDelete {
+  void operator()(Statement* s) const noexcept;
+};
+using OwnedStatement = std::unique_ptr<Statement, StatementDelete>;
 }  // namespace detail
 
 // Runs one statement at a time on its connection. A statement that writes is
@@ -190,20 +178,20 @@ class Connection : public std::enable_shared_from_this<Connection> {
     // connection in turn (and read a cursor after the caller's lock is gone).
     bool serialized = true;
     int busy_timeout_ms = 5000;
-    // Prepared statements kept per connection, least recently used dropped
-    // first. A statement a cursor is using is never handed to another.
+    // Idle prepared statements kept per connection, least recently used
+    // dropped first. A statement a cursor is using belongs to that cursor.
     std::size_t statement_cache = 64;
   };
 
   // Opens (and for a writable connection creates) the file. Raises
   // OperationalError "unable to open database file" and the like.
-  static std::shared_ptr<Connection> open(const std::string& path, const Options& options);
-  static std::shared_ptr<Connection> open(const std::string& path) { return open(path, Options{}); }
+  [[nodiscard]] static std::shared_ptr<Connection> open(const std::string& path, const Options& options);
+  [[nodiscard]] static std::shared_ptr<Connection> open(const std::string& path) { return open(path, Options{}); }
   ~Connection();
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  Cursor cursor();
+  [[nodiscard]] Cursor cursor();
   Cursor execute(std::string_view sql, const Params& params = {});
   Cursor executemany(std::string_view sql, const std::vector<Params>& params_list);
   // Runs several `;`-separated statements (DDL scripts) without parameters.
@@ -211,37 +199,34 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // Finalises the cached statements and closes the handle; statements still
   // held by open cursors keep SQLite's handle alive until they are closed.
   // Harmless when already closed.
-  void close();
-  bool closed() const noexcept;
-  bool readonly() const noexcept { return options_.readonly; }
-  // The raw handle, for registering functions and for measurements. Null
-  // after close.
-  sqlite3* handle() const noexcept;
-  const std::string& path() const noexcept { return path_; }
+  void close() noexcept;
+  [[nodiscard]] bool closed() const noexcept;
+  [[nodiscard]] bool readonly() const noexcept { return options_.readonly; }
+  // The raw handle, for registering functions and for measurements; owned by
+  // this connection. Null after close.
+  [[nodiscard]] sqlite3* handle() const noexcept;
+  [[nodiscard]] const std::string& path() const noexcept { return path_; }
 
  private:
   friend class Cursor;
   friend struct detail::StatementReturn;
   Connection(sqlite3* db, std::string path, Options options);
   detail::StatementPtr acquire(std::string_view sql);
-  void give_back(detail::Statement* s) noexcept;
-  // Under mu_: unlinks cached statements past the bound into `evicted`.
-  void evict_excess(std::vector<detail::Statement*>& evicted);
+  void give_back(detail::OwnedStatement s) noexcept;
 
-  using Lru = std::list<detail::Statement*>;
-
-  mutable std::mutex mu_;  // guards lru_, index_ and each cached statement's in_use/cached flags
-  // Changed only under mu_; read without it by closed() and handle(), which
-  // every cursor asks.
-  std::atomic<sqlite3*> db_;
   const std::string path_;
   const Options options_;
-  // Every cached statement, most recently handed out first. A statement stays
-  // in the cache while a cursor uses it (marked in use), so that a repeated
-  // query costs a lookup and no allocation.
-  Lru lru_;
-  // Keys are views of each statement's own SQL text.
-  std::unordered_map<std::string_view, detail::Statement*> index_;
+  mutable std::mutex mu_;  // guards db_, idle_ and index_
+  // Reset only under mu_, by close(); open_ mirrors it for the lock-free
+  // `closed()` that every cursor call asks.
+  std::unique_ptr<sqlite3, detail::CloseDb> db_;
+  std::atomic<bool> open_{false};
+  // The idle statements, most recently returned first; a statement a cursor
+  // holds is owned by that cursor and not in here. Keys of `index_` are views
+  // of each statement's own SQL text. Declared after db_ so they are
+  // finalised before the handle closes.
+  std::list<detail::OwnedStatement> idle_;
+  std::unordered_map<std::string_view, std::list<detail::OwnedStatement>::iterator> index_;
 };
 
 // Raises the Error or OperationalError for result code `rc` with SQLite's

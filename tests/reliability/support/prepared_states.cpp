@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "marsk_quorvi/storage/storage_size.hpp"
+#include "storage/database_impl.hpp"
 
 namespace marsk_quorvi::testing {
 
@@ -99,7 +100,7 @@ LiveCheck check_live(const std::filesystem::path& live, const KnownStates& state
     }
     const auto page_size = (*db.fetchone("SELECT page_size FROM pragma_page_size"))[0].as_int();
     const auto auto_vacuum = (*db.fetchone("SELECT auto_vacuum FROM pragma_auto_vacuum"))[0].as_int();
-    if (page_size != storage::storage_size::PAGE_SIZE || auto_vacuum != st::_AUTO_VACUUM_INCREMENTAL) {
+    if (page_size != storage::storage_size::PAGE_SIZE || auto_vacuum != st::detail::kAutoVacuumIncremental) {
       problem << "page size " << page_size << ", auto_vacuum " << auto_vacuum << "\n";
     }
 

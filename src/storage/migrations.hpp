@@ -4,11 +4,11 @@
 
 #include <cstdint>
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "marsk_quorvi/errors.hpp"
 #include "marsk_quorvi/storage/sqlite.hpp"
 
 namespace marsk_quorvi::storage::migrations {
@@ -17,12 +17,6 @@ namespace marsk_quorvi::storage::migrations {
 extern const std::string OLDEST_VERSION;
 // This build's schema version.
 extern const std::string SCHEMA_VERSION;
-
-// A failed migration step; the file keeps the version before that step.
-class SchemaMigrationError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 // Opens one scoped transaction on the database and runs the body in it: the
 // database's own `transaction`, bound to it.
@@ -46,8 +40,7 @@ void run_ddl(Cursor& cursor, std::string_view ddl);
 // end_line, exact) and its file trigger; both statements are conditional, so
 // on a file that has them it changes nothing.
 //
-// A chunk's rowid encodes its file: rowid = (file_id << 20) + chunk number, so
-// `rowid >> 20` is the file id and a file holds up to 2^20 chunks. The link
+// A chunk's rowid encodes its file (core_schema::chunk_rowid). The link
 // thus travels with the five columns a bulk copy carries, and a file's chunks
 // are one rowid range, which the trigger files_delete_code_chunks deletes
 // when the `files` row goes. Only `text` is tokenised; `exact` is 1 when the

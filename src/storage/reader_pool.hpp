@@ -10,20 +10,13 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "marsk_quorvi/errors.hpp"
 #include "marsk_quorvi/storage/sqlite.hpp"
 
 namespace marsk_quorvi::storage {
-
-// The pool cannot hand out a connection (it is closed). The query then runs on
-// the writer connection instead.
-class ReaderUnavailable : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 class ReaderPool {
  public:
