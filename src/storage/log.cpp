@@ -1,5 +1,8 @@
 #include "log.hpp"
 
+#include <algorithm>
+#include <iterator>
+
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 
@@ -40,13 +43,21 @@ bool decode(std::string_view s, std::size_t& i, char32_t& cp) {
   return true;
 }
 
+// What Python's str.isprintable() accepts, so that a bidi override, an
+// invisible format character or an unassigned code point never reaches a log
+// line raw.
+#include "unprintable_ranges.inc"
+
+// Most logged text is ASCII, whose only unprintable characters are the C0
+// controls and DEL; the table must agree. Its first range starting at 0 also
+// gives every code point a range at or before it.
+static_assert(unprintable_ranges[0][0] == 0 && unprintable_ranges[0][1] == 0x1f && unprintable_ranges[1][0] == 0x7f);
+
 bool printable(char32_t cp) {
-  if (cp < 0x20 || cp == 0x7f) return false;
-  if (cp >= 0x80 && cp <= 0xa0) return false;
-  if (cp == 0xad) return false;
-  if (cp == 0x2028 || cp == 0x2029 || (cp >= 0x200b && cp <= 0x200f) || cp == 0xfeff) return false;
-  if (cp >= 0xe000 && cp <= 0xf8ff) return false;  // private use
-  return true;
+  if (cp < 0x80) return cp >= 0x20 && cp != 0x7f;
+  const auto* after = std::upper_bound(std::begin(unprintable_ranges), std::end(unprintable_ranges), cp,
+                                       [](char32_t c, const auto& range) { return c < range[0]; });
+  return cp > (*std::prev(after))[1];
 }
 
 }  // namespace
