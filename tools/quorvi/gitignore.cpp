@@ -1,7 +1,5 @@
 #include "quorvi/gitignore.hpp"
 
-#include <fnmatch.h>
-
 #include <fstream>
 #include <sstream>
 
@@ -19,31 +17,6 @@ std::vector<std::string> split(std::string_view text, char sep) {
     start = end + 1;
   }
   return out;
-}
-
-bool segment_matches(const std::string& pattern, const std::string& name) {
-  // fnmatch without FNM_PATHNAME handles `*`, `?`, `[...]` and backslash
-  // escapes; segments never hold a '/', so it cannot cross one.
-  return ::fnmatch(pattern.c_str(), name.c_str(), 0) == 0;
-}
-
-// `**` stands for any number of whole segments; as the last segment it
-// needs at least one ("dir/**" is everything inside dir, not dir itself).
-bool match_segments(const std::vector<std::string>& pat, std::size_t pi, const std::vector<std::string>& path,
-                    std::size_t si) {
-  while (pi < pat.size()) {
-    if (pat[pi] == "**") {
-      if (pi + 1 == pat.size()) return si < path.size();
-      for (std::size_t k = si; k <= path.size(); ++k) {
-        if (match_segments(pat, pi + 1, path, k)) return true;
-      }
-      return false;
-    }
-    if (si >= path.size() || !segment_matches(pat[pi], path[si])) return false;
-    ++pi;
-    ++si;
-  }
-  return si == path.size();
 }
 
 }  // namespace
@@ -71,7 +44,7 @@ IgnoreRules::IgnoreRules(std::string_view text) {
     rule.anchored = line.find('/') != std::string::npos;
     if (line[0] == '/') line.erase(0, 1);
     if (line.empty()) continue;
-    rule.segments = rule.anchored ? split(line, '/') : std::vector<std::string>{line};
+    rule.glob = utils::Glob(line, utils::GlobSyntax::gitignore);
     rules_.push_back(std::move(rule));
   }
 }
@@ -86,15 +59,13 @@ IgnoreRules IgnoreRules::load(const std::filesystem::path& repo) {
 
 bool IgnoreRules::ignored(std::string_view path, bool is_dir) const {
   if (rules_.empty()) return false;
-  const auto segments = split(path, '/');
+  const std::string_view name = path.substr(path.rfind('/') + 1);
   bool excluded = false;
   for (const auto& rule : rules_) {
     if (rule.dir_only && !is_dir) continue;
     // Only a rule that would change the outcome needs matching.
     if (rule.negated != excluded) continue;
-    const bool hit = rule.anchored ? match_segments(rule.segments, 0, segments, 0)
-                                   : segment_matches(rule.segments[0], segments.back());
-    if (hit) excluded = !rule.negated;
+    if (rule.glob.matches(rule.anchored ? path : name)) excluded = !rule.negated;
   }
   return excluded;
 }

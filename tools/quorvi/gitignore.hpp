@@ -6,13 +6,16 @@
 #include <string_view>
 #include <vector>
 
+#include "marsk_quorvi/utils/path_filter.hpp"
+
 namespace marsk_quorvi::cli {
 
 // Patterns in .gitignore syntax: blank lines and `#` comments are skipped,
 // `!` re-includes, a trailing `/` matches directories only, a pattern with a
 // `/` before its end is anchored at the repository root, `*`, `?` and `[...]`
-// match within one path segment and `**` across segments. The last pattern
-// that matches decides. Immutable after construction; safe to share.
+// match within one path segment and `**` across segments (the whole syntax is
+// utils::GlobSyntax::gitignore). The last pattern that matches decides.
+// Immutable after construction; safe to share.
 class IgnoreRules {
  public:
   IgnoreRules() = default;
@@ -28,7 +31,7 @@ class IgnoreRules {
 
  private:
   struct Rule {
-    std::vector<std::string> segments;  // anchored: the whole path; otherwise one segment
+    utils::Glob glob{""};  // anchored: against the whole path; otherwise the last segment
     bool anchored = false;
     bool negated = false;
     bool dir_only = false;
