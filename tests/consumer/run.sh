@@ -27,5 +27,5 @@ flags=$(PKG_CONFIG_PATH=$pcdir pkg-config --cflags --libs marsk_quorvi)
 echo "pkg-config: $flags"
 # The same warnings as CMakeLists.txt.
 # shellcheck disable=SC2086  # the flags are words
-"$cxx" -std=c++20 -Wall -Wextra -Wpedantic -Wshadow -Werror -Wno-error=shadow "$here/main.cpp" -o "$tmp/pc-consumer" $flags
+"$cxx" -std=c++20 -Wall -Wextra -Wpedantic -Wshadow -Werror "$here/main.cpp" -o "$tmp/pc-consumer" $flags
 "$tmp/pc-consumer" "$tmp/db-pkgconfig"
