@@ -22,13 +22,12 @@ namespace fs = std::filesystem;
 namespace mq = marsk_quorvi::storage;
 namespace platform = marsk_quorvi::storage::platform;
 using marsk_quorvi::OSError;
-using marsk_quorvi::testing::BackgroundPeer;
 using marsk_quorvi::testing::LogCapture;
 using marsk_quorvi::testing::LogRecord;
 using marsk_quorvi::testing::make_page_file;
 using marsk_quorvi::testing::patch_u32;
 using marsk_quorvi::testing::pragma;
-using marsk_quorvi::testing::run_peer;
+using marsk_quorvi::testing::PeerProcess;
 using marsk_quorvi::testing::ScopedEnv;
 using marsk_quorvi::testing::SpaceDb;
 using marsk_quorvi::testing::PageTrace;
@@ -139,7 +138,7 @@ TEST_F(CompactionTest, FullAutoVacuumFileHasNothingToRelease) {
   const auto file = path("full.db");
   make_page_file(file, 4101, 2048, mq::detail::kAutoVacuumIncremental);
   auto db = open(file);
-  ASSERT_EQ(run_peer({"exec", file.string(), "PRAGMA auto_vacuum=FULL"}).status, 0);
+  ASSERT_EQ(PeerProcess::run({"exec", file.string(), "PRAGMA auto_vacuum=FULL"}).status, 0);
   PageTrace trace(db->connection());
   LogCapture log;
   EXPECT_EQ(db->compact(), mq::Compaction{});
@@ -382,7 +381,7 @@ TEST_F(CompactionTest, FileConvertedByAnotherProcessMeanwhile) {
   ASSERT_EQ(measured.mode, mq::detail::kAutoVacuumNone);
   // The other process's handle asks for incremental mode at connect; its
   // VACUUM applies it.
-  ASSERT_EQ(run_peer({"exec", file.string(), "VACUUM"}).status, 0);
+  ASSERT_EQ(PeerProcess::run({"exec", file.string(), "VACUUM"}).status, 0);
   LogCapture log;
   EXPECT_EQ(db->impl()._convert_to_incremental(measured), mq::Compaction{});
   EXPECT_TRUE(log.records().empty());
@@ -539,8 +538,8 @@ TEST_F(CompactionTest, ReaderInAnotherProcessHoldsTheCheckpoint) {
   const auto file = path("held.db");
   make_page_file(file, 2101, 2048, mq::detail::kAutoVacuumIncremental);
   auto db = open(file);
-  BackgroundPeer peer({"snapshot", file.string(), "60"});
-  ASSERT_EQ(peer.first_line(), "ready");
+  PeerProcess peer({"snapshot", file.string(), "60"});
+  ASSERT_EQ(peer.read_line(), "ready");
   LogCapture log;
   // The checkpoint waits out the busy time-out for the other process's
   // snapshot, then leaves the log for a later checkpoint.

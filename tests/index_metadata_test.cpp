@@ -13,7 +13,7 @@
 namespace mq = marsk_quorvi::storage;
 using marsk_quorvi::testing::LogCapture;
 using marsk_quorvi::testing::LogRecord;
-using marsk_quorvi::testing::run_peer;
+using marsk_quorvi::testing::PeerProcess;
 
 namespace {
 
@@ -30,7 +30,7 @@ class IndexMetadata : public marsk_quorvi::testing::TempDirTest {
   }
 
   std::string peer_generation() {
-    const auto r = run_peer({"generation", path("index.db").string()});
+    const auto r = PeerProcess::run({"generation", path("index.db").string()});
     EXPECT_EQ(r.status, 0);
     return r.output;
   }

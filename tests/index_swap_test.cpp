@@ -44,7 +44,7 @@ class IndexSwap : public mt::TempDirTest {
   Snapshot index_of(const std::filesystem::path& p) {
     mq::Database other(p);
     other.connect();
-    auto snap = mt::snapshot(other);
+    auto snap = mt::index_content(mt::snapshot(other));
     other.close();
     snap.erase("schema_info");
     snap.erase("generation");
@@ -105,7 +105,7 @@ TEST_F(IndexSwap, SwapReplacesTheIndexTablesAndNothingElse) {
   const mq::RowCounts expected{{"components", 1},       {"files", 20},       {"symbols", 50},     {"edges", 30},
                                {"external_imports", 2}, {"index_errors", 2}, {"code_chunks", 20}};
   EXPECT_EQ(counts, expected);
-  auto live = mt::snapshot(*db);
+  auto live = mt::index_content(mt::snapshot(*db));
   EXPECT_EQ(live["generation"], std::vector<std::string>{"6"});
   live.erase("schema_info");
   live.erase("generation");
@@ -379,7 +379,7 @@ TEST_F(IndexSwap, ClearAllEmptiesTheIndexTablesAndLogsWhatItRemoved) {
 
 TEST_F(IndexSwap, ClearAllRollsBackAsAWholeAndJoinsTheCallersTransaction) {
   mt::seed_index(*db, {.files = 10, .symbols = 10, .edges = 5, .chunk_bytes = 16});
-  const auto before = mt::snapshot(*db);
+  const auto before = mt::index_content(mt::snapshot(*db));
 
   // Fails at the fifth deletion, after code_chunks was dropped and edges,
   // imports, symbols and files were deleted.
@@ -394,7 +394,7 @@ TEST_F(IndexSwap, ClearAllRollsBackAsAWholeAndJoinsTheCallersTransaction) {
     }
     EXPECT_TRUE(log.records().empty());
   }
-  EXPECT_EQ(mt::snapshot(*db), before);
+  EXPECT_EQ(mt::index_content(mt::snapshot(*db)), before);
   db->execute("DROP TRIGGER pin");
 
   // Nested in a caller's transaction, the deletions go with it.
@@ -404,7 +404,7 @@ TEST_F(IndexSwap, ClearAllRollsBackAsAWholeAndJoinsTheCallersTransaction) {
     throw std::runtime_error("the pass was cancelled");
   }),
                std::runtime_error);
-  EXPECT_EQ(mt::snapshot(*db), before);
+  EXPECT_EQ(mt::index_content(mt::snapshot(*db)), before);
 }
 
 // Calls `probe` once on the writer connection's thread, from inside the
@@ -463,8 +463,8 @@ TEST_F(IndexSwap, ReadersAndOtherProcessesSeeTheOldIndexOrTheNewNeverAMix) {
 
   // Another process, connected before the swap, reads over and over until it
   // sees the new figures; its first line is what it saw before the swap.
-  mt::BackgroundPeer watcher({"watch", db->db_path.string(), figures, new_figures});
-  EXPECT_EQ(watcher.first_line(), old_figures);
+  mt::PeerProcess watcher({"watch", db->db_path.string(), figures, new_figures});
+  EXPECT_EQ(watcher.read_line(), old_figures);
 
   std::string thread_mid;
   {
@@ -480,7 +480,7 @@ TEST_F(IndexSwap, ReadersAndOtherProcessesSeeTheOldIndexOrTheNewNeverAMix) {
   EXPECT_EQ(thread_mid, old_figures);
   // The other process went from the old generation and rows straight to the
   // new ones together.
-  EXPECT_EQ(watcher.read_rest(), new_figures + "\n");
+  EXPECT_EQ(watcher.read_rest(), std::vector<std::string>{new_figures});
   EXPECT_EQ(watcher.wait(), 0);
   for (auto& r : readers) {
     const auto seen = r.get();
@@ -491,10 +491,10 @@ TEST_F(IndexSwap, ReadersAndOtherProcessesSeeTheOldIndexOrTheNewNeverAMix) {
     if (seen.size() == 2) EXPECT_EQ(seen.front(), old_figures);
     EXPECT_LE(seen.size(), 2u) << ::testing::PrintToString(seen);
   }
-  const auto generation = mt::run_peer({"generation", db->db_path.string()});
+  const auto generation = mt::PeerProcess::run({"generation", db->db_path.string()});
   EXPECT_EQ(generation.status, 0);
   EXPECT_EQ(generation.output, "1\n");
-  EXPECT_EQ(mt::run_peer({"query", db->db_path.string(), figures}).output, new_figures + "\n");
+  EXPECT_EQ(mt::PeerProcess::run({"query", db->db_path.string(), figures}).output, new_figures + "\n");
 }
 
 TEST_F(IndexSwap, FreedPagesAreGivenBackAfterTheSwapExceptOnTheEventLoop) {

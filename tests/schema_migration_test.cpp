@@ -17,9 +17,10 @@
 namespace fs = std::filesystem;
 namespace mq = marsk_quorvi::storage;
 namespace migrations = mq::migrations;
-using marsk_quorvi::testing::BackgroundPeer;
 using marsk_quorvi::testing::LogCapture;
 using marsk_quorvi::testing::LogRecord;
+
+using marsk_quorvi::testing::PeerProcess;
 
 namespace {
 
@@ -188,8 +189,8 @@ TEST_F(SchemaMigration, FileHeldOpenByAnotherProcessIsLeftAloneUntilTheNextOpen)
   const auto p = path("index.db");
   make_old_index(p, "1.0.0");
   {
-    BackgroundPeer peer({"hold", p.string(), "60"});
-    ASSERT_EQ(peer.first_line(), "ready");
+    PeerProcess peer({"hold", p.string(), "60"});
+    ASSERT_EQ(peer.read_line(), "ready");
     LogCapture log;
     TestDb db(p);
     open(db);
@@ -200,7 +201,7 @@ TEST_F(SchemaMigration, FileHeldOpenByAnotherProcessIsLeftAloneUntilTheNextOpen)
     EXPECT_EQ(counts(db), OLD_COUNTS);
     EXPECT_TRUE(db.impl()._readers.load());
     // The other process still reads the file.
-    const auto seen = marsk_quorvi::testing::run_peer({"query", p.string(), "SELECT count(*) FROM symbols"});
+    const auto seen = marsk_quorvi::testing::PeerProcess::run({"query", p.string(), "SELECT count(*) FROM symbols"});
     EXPECT_EQ(seen.output, std::to_string(FILES * 4) + "\n");
     db.close();
   }

@@ -128,7 +128,7 @@ TEST_F(SpaceTest, SpaceSeesAnotherProcessRewriteTheFile) {
   ASSERT_EQ(marsk_quorvi::storage::detail::DatabaseImpl::_space(*db.connection()).mode, mq::detail::kAutoVacuumNone);
   // The other process's handle asks for incremental mode when it connects;
   // its VACUUM applies it.
-  ASSERT_EQ(marsk_quorvi::testing::run_peer({"exec", file.string(), "VACUUM"}).status, 0);
+  ASSERT_EQ(marsk_quorvi::testing::PeerProcess::run({"exec", file.string(), "VACUUM"}).status, 0);
   const auto space = marsk_quorvi::storage::detail::DatabaseImpl::_space(*db.connection());
   EXPECT_EQ(space.mode, mq::detail::kAutoVacuumIncremental);
   EXPECT_EQ(space.free, 0);

@@ -15,8 +15,7 @@
 #include "support/test_support.hpp"
 
 namespace mq = marsk_quorvi::storage;
-using marsk_quorvi::testing::BackgroundPeer;
-using marsk_quorvi::testing::run_peer;
+using marsk_quorvi::testing::PeerProcess;
 using marsk_quorvi::testing::TempDirTest;
 
 namespace {
@@ -251,7 +250,7 @@ TEST_F(SqliteAccessConcurrency, WriteCommitsAtOnceWithoutExplicitTransaction) {
   conn->execute("CREATE TABLE t (v TEXT)");
   conn->execute("INSERT INTO t (v) VALUES (?)", {"seen"});
   // Another process sees it while this connection is still open.
-  auto peer = run_peer({"query", path("a.db").string(), "SELECT v FROM t"});
+  auto peer = PeerProcess::run({"query", path("a.db").string(), "SELECT v FROM t"});
   EXPECT_EQ(peer.status, 0);
   EXPECT_EQ(peer.output, "seen\n");
 }
@@ -259,8 +258,8 @@ TEST_F(SqliteAccessConcurrency, WriteCommitsAtOnceWithoutExplicitTransaction) {
 TEST_F(SqliteAccessConcurrency, WriteWaitsForAnotherProcessesShortLock) {
   auto conn = mq::Connection::open(path("a.db").string());
   conn->execute("CREATE TABLE t (v)");
-  BackgroundPeer peer({"lock", path("a.db").string(), "0.5"});
-  ASSERT_EQ(peer.first_line(), "ready");
+  PeerProcess peer({"lock", path("a.db").string(), "0.5"});
+  ASSERT_EQ(peer.read_line(), "ready");
   // Within the 5 s busy time-out the lock goes away, so the write succeeds.
   EXPECT_EQ(conn->execute("INSERT INTO t (v) VALUES (1)").rowcount(), 1);
   EXPECT_EQ(peer.wait(), 0);
@@ -269,8 +268,8 @@ TEST_F(SqliteAccessConcurrency, WriteWaitsForAnotherProcessesShortLock) {
 TEST_F(SqliteAccessConcurrency, WriteFailsAsLockedWhenAnotherProcessKeepsTheLock) {
   auto conn = mq::Connection::open(path("a.db").string());
   conn->execute("CREATE TABLE t (v)");
-  BackgroundPeer peer({"lock", path("a.db").string(), "30"});
-  ASSERT_EQ(peer.first_line(), "ready");
+  PeerProcess peer({"lock", path("a.db").string(), "30"});
+  ASSERT_EQ(peer.read_line(), "ready");
   try {
     conn->execute("INSERT INTO t (v) VALUES (1)");
     ADD_FAILURE() << "wrote while another process held the lock";

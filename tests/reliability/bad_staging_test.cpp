@@ -78,7 +78,8 @@ std::vector<std::string> attached_files(mq::Database& db) {
   return names;
 }
 
-Snapshot index_only(Snapshot snap) {
+Snapshot index_only(const Snapshot& all) {
+  Snapshot snap = mt::index_content(all);
   snap.erase("schema_info");
   snap.erase("generation");
   return snap;

@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "reliability/support/peer_process.hpp"
+#include "support/peer_process.hpp"
 #include "reliability/support/prepared_states.hpp"
 #include "reliability/support/report.hpp"
 #include "support/test_support.hpp"

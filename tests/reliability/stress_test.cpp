@@ -78,7 +78,8 @@ struct ThreadLog {
 
 // Index content without schema_info and the generation, and without the
 // error rows the threads wrote.
-Snapshot index_content(Snapshot snap) {
+Snapshot index_content(Snapshot all) {
+  Snapshot snap = mt::index_content(all);
   snap.erase("schema_info");
   snap.erase("generation");
   auto& errors = snap["index_errors"];

@@ -123,28 +123,6 @@ inline std::filesystem::path make_staging_file(const std::filesystem::path& p, c
   return p;
 }
 
-// Every row of the index tables, code_chunks (with rowids) and schema_info,
-// and the generation, as text: two snapshots are equal exactly when a
-// failed swap or clear changed nothing.
-inline std::map<std::string, std::vector<std::string>> snapshot(st::Database& db) {
-  std::map<std::string, std::vector<std::string>> out;
-  auto dump = [&](const std::string& key, const std::string& sql) {
-    auto& rows = out[key];
-    for (const auto& row : db.fetchall(sql)) {
-      std::string line;
-      for (std::size_t i = 0; i < row.size(); ++i) line += (i ? "|" : "") + row[i].to_text();
-      rows.push_back(line);
-    }
-  };
-  for (const auto& table : kIndexTables) dump(table, "SELECT * FROM " + table + " ORDER BY rowid");
-  if (!db.fetchall("SELECT 1 FROM sqlite_master WHERE name = 'code_chunks'").empty()) {
-    dump("code_chunks", "SELECT rowid, text, start_line, end_line, exact FROM code_chunks ORDER BY rowid");
-  }
-  dump("schema_info", "SELECT key, value FROM schema_info ORDER BY key");
-  dump("generation", "PRAGMA user_version");
-  return out;
-}
-
 inline std::int64_t count_rows(st::Database& db, const std::string& table) {
   return (*db.fetchone("SELECT COUNT(*) FROM " + table))[0].as_int();
 }

@@ -4,7 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <random>
@@ -90,74 +90,65 @@ void TempDirTest::TearDown() {
   std::filesystem::remove_all(dir_, ec);
 }
 
-PeerResult run_peer(const std::vector<std::string>& args) {
-  std::string cmd = std::string("'") + QUORVI_TEST_PEER + "'";
-  for (const auto& a : args) {
-    std::string quoted = "'";
-    for (char c : a) {
-      if (c == '\'') {
-        quoted += "'\\''";
-      } else {
-        quoted += c;
-      }
+namespace {
+
+template <class FetchAll>
+State state_of(FetchAll&& fetchall) {
+  State out;
+  auto lines = [&](const std::string& sql) {
+    std::vector<std::string> rows;
+    for (const storage::Row& row : fetchall(sql)) {
+      std::string line;
+      for (std::size_t i = 0; i < row.size(); ++i) line += (i ? "|" : "") + row[i].to_text();
+      rows.push_back(std::move(line));
     }
-    cmd += " " + quoted + "'";
+    std::sort(rows.begin(), rows.end());
+    return rows;
+  };
+  for (const auto& row : fetchall("SELECT name, sql LIKE 'CREATE VIRTUAL%' FROM sqlite_master WHERE type = 'table'")) {
+    const std::string table = row[0].to_text();
+    out[table] = lines(std::string(row[1].as_int() ? "SELECT rowid, * FROM \"" : "SELECT * FROM \"") + table + "\"");
   }
-  PeerResult result{-1, ""};
-  FILE* pipe = ::popen(cmd.c_str(), "r");
-  if (!pipe) return result;
-  std::array<char, 4096> buf{};
-  std::size_t n;
-  while ((n = std::fread(buf.data(), 1, buf.size(), pipe)) > 0) result.output.append(buf.data(), n);
-  int status = ::pclose(pipe);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
-}
-
-BackgroundPeer::BackgroundPeer(const std::vector<std::string>& args) {
-  int fds[2];
-  if (::pipe(fds) != 0) throw std::runtime_error("pipe failed");
-  std::vector<std::string> argv_store{QUORVI_TEST_PEER};
-  argv_store.insert(argv_store.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (auto& a : argv_store) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  pid_ = ::fork();
-  if (pid_ == 0) {
-    ::dup2(fds[1], 1);
-    ::close(fds[0]);
-    ::close(fds[1]);
-    ::execv(argv[0], argv.data());
-    ::_exit(127);
-  }
-  ::close(fds[1]);
-  fd_ = fds[0];
-  char c;
-  while (::read(fd_, &c, 1) == 1 && c != '\n') first_line_.push_back(c);
-}
-
-std::string BackgroundPeer::read_rest() {
-  std::string out;
-  char buf[4096];
-  ssize_t n;
-  while (fd_ >= 0 && (n = ::read(fd_, buf, sizeof buf)) > 0) out.append(buf, static_cast<std::size_t>(n));
+  out["schema"] = lines("SELECT type, name, tbl_name, sql FROM sqlite_master");
+  out["generation"] = lines("PRAGMA user_version");
   return out;
 }
 
-int BackgroundPeer::wait() {
-  if (pid_ <= 0) return -1;
-  int status = 0;
-  ::waitpid(pid_, &status, 0);
-  pid_ = -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}  // namespace
+
+State snapshot(storage::Database& db) {
+  return state_of([&](const std::string& sql) { return db.fetchall(sql); });
 }
 
-BackgroundPeer::~BackgroundPeer() {
-  if (pid_ > 0) {
-    ::kill(pid_, SIGKILL);
-    wait();
+State snapshot(const std::filesystem::path& file) {
+  storage::Connection::Options options;
+  options.readonly = true;
+  auto conn = storage::Connection::open(file.string(), options);
+  return state_of([&](const std::string& sql) { return conn->execute(sql).fetchall(); });
+}
+
+State index_content(const State& state) {
+  State out;
+  for (const char* key : {"components", "files", "symbols", "edges", "external_imports", "index_errors", "code_chunks",
+                          "schema_info", "generation"}) {
+    if (auto it = state.find(key); it != state.end()) out.insert(*it);
   }
-  if (fd_ >= 0) ::close(fd_);
+  return out;
+}
+
+std::unique_ptr<TestDb> IndexTest::open(const std::filesystem::path& file) {
+  auto db = std::make_unique<TestDb>(file);
+  db->connect();
+  db->create_schema();
+  db->migrate_schema();
+  return db;
+}
+
+void IndexTest::reopen(std::unique_ptr<TestDb>& db) {
+  const auto file = db->db_path;
+  db->close();
+  db.reset();
+  db = open(file);
 }
 
 }  // namespace marsk_quorvi::testing

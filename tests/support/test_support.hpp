@@ -1,11 +1,13 @@
-// Shared test fixtures: a fresh temporary directory per test, a capturing
-// sink on the module logger, environment overrides and a second process.
+// Shared test fixtures: a fresh temporary directory per test, handles opened
+// as a service opens them, a snapshot of a file's whole content, a capturing
+// sink on the module logger, environment overrides and the peer process.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <spdlog/sinks/base_sink.h>
 
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -14,6 +16,7 @@
 
 #include "marsk_quorvi/storage/database.hpp"
 #include "storage/database_impl.hpp"
+#include "support/peer_process.hpp"
 
 namespace marsk_quorvi::testing {
 
@@ -66,30 +69,26 @@ class TempDirTest : public ::testing::Test {
   std::filesystem::path dir_;
 };
 
-// Runs the peer helper binary with `args`; returns its exit status and
-// captures its standard output.
-struct PeerResult {
-  int status;
-  std::string output;
-};
-PeerResult run_peer(const std::vector<std::string>& args);
+// The whole content of a database file, as text: every table (the index
+// tables, schema_info, tables of other parts of the service, the full-text
+// table with its rowids and its shadow tables) row by row, sorted, under the
+// table's name; "schema" the schema entries and "generation" the user
+// version. Equal snapshots mean equal content; the page layout may differ.
+using State = std::map<std::string, std::vector<std::string>>;
+State snapshot(storage::Database& db);
+// The same, read through a read-only connection of its own.
+State snapshot(const std::filesystem::path& file);
+// Only the index tables, code_chunks, schema_info and the generation.
+State index_content(const State& state);
 
-// The peer helper running in the background (for example `hold DB SECONDS`):
-// the constructor returns once the peer has printed its first line; the
-// destructor kills it if it still runs and reaps it.
-class BackgroundPeer {
- public:
-  explicit BackgroundPeer(const std::vector<std::string>& args);
-  ~BackgroundPeer();
-  const std::string& first_line() const { return first_line_; }
-  // The rest of the peer's output, read until the peer closes it.
-  std::string read_rest();
-  int wait();  // exit status
-
- private:
-  int pid_ = -1;
-  int fd_ = -1;
-  std::string first_line_;
+// A fresh temporary directory per test, and handles opened the way a service
+// process opens them (connect, create_schema, migrate_schema).
+class IndexTest : public TempDirTest {
+ protected:
+  std::unique_ptr<TestDb> open(const std::filesystem::path& file);
+  std::unique_ptr<TestDb> open(const std::string& name = "index.db") { return open(path(name)); }
+  // Closes `db` and opens its file again in its place.
+  void reopen(std::unique_ptr<TestDb>& db);
 };
 
 }  // namespace marsk_quorvi::testing

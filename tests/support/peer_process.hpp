@@ -1,5 +1,6 @@
-// The peer program as a child process that a test reads line by line, with a
-// deadline, and may kill with SIGKILL at a moment of its choosing.
+// The one launcher of the peer program (tests/support/peer_main.cpp): a child
+// process that a test reads line by line, with a deadline, and may kill with
+// SIGKILL at a moment of its choosing.
 #pragma once
 
 #include <sys/types.h>
@@ -10,6 +11,12 @@
 #include <vector>
 
 namespace marsk_quorvi::testing {
+
+// What a peer run to its end printed, and how it ended.
+struct PeerResult {
+  int status;          // exit status, or 128 + the signal that ended it
+  std::string output;  // every line, each with its newline
+};
 
 class PeerProcess {
  public:
@@ -23,9 +30,13 @@ class PeerProcess {
   PeerProcess(const PeerProcess&) = delete;
   PeerProcess& operator=(const PeerProcess&) = delete;
 
+  // Runs the peer to its end.
+  static PeerResult run(const std::vector<std::string>& args);
+
   // The next whole line of output (without its newline), or none when the
-  // output has ended or `deadline` passes first.
+  // output has ended or `deadline` (a minute by default) passes first.
   std::optional<std::string> read_line(Clock::time_point deadline);
+  std::optional<std::string> read_line() { return read_line(Clock::now() + std::chrono::seconds(60)); }
   // Everything the peer still writes, until it closes its output.
   std::vector<std::string> read_rest();
   // SIGKILL, then reap. Harmless once the peer has been reaped.

@@ -1,4 +1,4 @@
-#include "reliability/support/peer_process.hpp"
+#include "support/peer_process.hpp"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -36,6 +36,14 @@ PeerProcess::PeerProcess(const std::vector<std::string>& args) {
   }
   ::close(fds[1]);
   fd_ = fds[0];
+}
+
+PeerResult PeerProcess::run(const std::vector<std::string>& args) {
+  PeerProcess peer(args);
+  PeerResult result{0, ""};
+  for (const auto& line : peer.read_rest()) result.output += line + "\n";
+  result.status = peer.wait();
+  return result;
 }
 
 PeerProcess::~PeerProcess() {
