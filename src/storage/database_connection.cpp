@@ -82,7 +82,9 @@ void DatabaseImpl::connect() {
     raise_os_error(ec.value(), parent);
   }
   _closed.store(false);
-  auto conn = Connection::open(db_path.string());
+  Connection::Options options;
+  options.busy_timeout_ms = _busy_timeout_ms;
+  auto conn = Connection::open(db_path.string(), options);
   _connection.store(conn);
   conn->execute("PRAGMA page_size=" + std::to_string(storage_size::PAGE_SIZE));
   conn->execute("PRAGMA auto_vacuum=INCREMENTAL");
@@ -100,7 +102,7 @@ std::shared_ptr<ReaderPool> DatabaseImpl::_open_readers(const std::string& journ
   const int count = reader_count();
   // A read connection only escapes the writer's lock in WAL mode.
   if (count == 0 || journal_mode != "wal") return nullptr;
-  return std::make_shared<ReaderPool>(db_path.string(), count, &utils::register_path_functions);
+  return std::make_shared<ReaderPool>(db_path.string(), count, &utils::register_path_functions, _busy_timeout_ms);
 }
 
 void DatabaseImpl::close() {

@@ -166,6 +166,9 @@ class DatabaseImpl {
   static void _vacuum(Connection& connection);
 
   const std::filesystem::path db_path;
+  // How long every connection of the handle waits for another's lock before
+  // failing with "database is locked". Set before connect(); tests shorten it.
+  int _busy_timeout_ms = 5000;
 
   // Read without the lock (atomically): _connection, _closed, _readers,
   // _tx_owner. Changed only under _lock, except by connect(), which runs

@@ -4,8 +4,11 @@
 
 namespace marsk_quorvi::storage {
 
-ReaderPool::ReaderPool(std::string path, int count, Configure configure)
-    : path_(std::move(path)), count_(count < 1 ? 1 : count), configure_(std::move(configure)) {}
+ReaderPool::ReaderPool(std::string path, int count, Configure configure, int busy_timeout_ms)
+    : path_(std::move(path)),
+      count_(count < 1 ? 1 : count),
+      configure_(std::move(configure)),
+      busy_timeout_ms_(busy_timeout_ms) {}
 
 ReaderPool::~ReaderPool() {
   try {
@@ -41,6 +44,7 @@ ReaderPool::Lease ReaderPool::lease() {
     Connection::Options options;
     options.readonly = true;
     options.serialized = false;  // one thread at a time, by lease
+    options.busy_timeout_ms = busy_timeout_ms_;
     auto conn = Connection::open(path_, options);
     if (configure_) configure_(*conn);
     return Lease(this, std::move(conn));

@@ -26,7 +26,8 @@ class ReaderPool {
   // `count`, 1 to 32, bounds the connections open at once. Connections are
   // opened on first need, read-only, each with `configure` applied; nothing is
   // opened here.
-  ReaderPool(std::string path, int count, Configure configure = {});
+  // `busy_timeout_ms` is how long a read connection waits for a lock.
+  ReaderPool(std::string path, int count, Configure configure = {}, int busy_timeout_ms = 5000);
   ~ReaderPool();
   ReaderPool(const ReaderPool&) = delete;
   ReaderPool& operator=(const ReaderPool&) = delete;
@@ -68,6 +69,7 @@ class ReaderPool {
   const std::string path_;
   const int count_;
   const Configure configure_;
+  const int busy_timeout_ms_;
   mutable std::mutex mu_;
   std::condition_variable cv_;
   std::vector<std::shared_ptr<Connection>> idle_;  // guarded by mu_
