@@ -9,6 +9,7 @@
 #include "database_impl.hpp"
 #include "log.hpp"
 #include "text.hpp"
+#include "undo.hpp"
 #include "marsk_quorvi/storage/storage_size.hpp"
 #include "marsk_quorvi/utils/path_filter.hpp"
 
@@ -160,18 +161,13 @@ void DatabaseImpl::_transaction(const std::function<void(Cursor&)>& body) {
   } outer{*this, cursor};
   _tx_depth = 1;
   _tx_owner.store(std::this_thread::get_id());
-  try {
-    cursor.execute("BEGIN");
-    body(cursor);
-    cursor.execute("COMMIT");
-  } catch (...) {
-    try {
-      cursor.execute("ROLLBACK");
-    } catch (const Error&) {
-      // The failure that led here is the one to report.
-    }
-    throw;
-  }
+  undo_on_failure(
+      [&] {
+        cursor.execute("BEGIN");
+        body(cursor);
+        cursor.execute("COMMIT");
+      },
+      [&] { cursor.execute("ROLLBACK"); });
 }
 
 Cursor DatabaseImpl::execute(std::string_view sql, const Params& params) {

@@ -156,6 +156,9 @@ class DatabaseImpl {
   std::shared_ptr<ReaderPool> _readers_for(std::string_view sql) const;
   void _rewrite_pages();
   void _bump_index_generation(Cursor* cursor = nullptr);
+  // The swap's copy, inside its transaction with `stg` attached.
+  void _copy_staging(Cursor& cursor, const std::vector<std::pair<const char*, std::string>>& col_lists,
+                     RowCounts& row_counts);
   static Space _space(Connection& connection);
   Compaction _compact();
   std::int64_t _release_free_pages();

@@ -17,6 +17,7 @@
 #include "log.hpp"
 #include "marsk_quorvi/models/symbol.hpp"
 #include "migrations.hpp"
+#include "undo.hpp"
 
 namespace marsk_quorvi::storage::detail {
 
@@ -128,6 +129,28 @@ bool _empty_code_chunks(Cursor& cursor) {
 
 // ------------------------------------------------------------------ clearing and swap
 
+void DatabaseImpl::_copy_staging(Cursor& cursor, const std::vector<std::pair<const char*, std::string>>& col_lists,
+                                RowCounts& row_counts) {
+  // The live chunks are emptied whenever the live file has the table; they
+  // are refilled only when the staging file has it too.
+  const bool chunks = _empty_code_chunks(cursor) && _has_code_chunks(cursor, "stg");
+  delete_index_rows(cursor);
+  for (const auto& [table, columns] : col_lists) {
+    // One INSERT ... SELECT per table: no row passes through the program.
+    cursor.execute(std::string("INSERT INTO ") + table + " (" + columns + ") SELECT " + columns + " FROM stg." + table);
+    row_counts.set(table, rows_changed(cursor));
+  }
+  if (chunks) {
+    cursor.execute(
+        "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) "
+        "SELECT rowid, text, start_line, end_line, exact FROM stg.code_chunks");
+    row_counts.set("code_chunks", rows_changed(cursor));
+  }
+  // In the same commit as the rows: every process sees the new generation
+  // together with the new file ids.
+  _bump_index_generation(&cursor);
+}
+
 void DatabaseImpl::clear_all() {
   RowCounts row_counts;
   _transaction([&](Cursor& cursor) {
@@ -159,46 +182,21 @@ RowCounts DatabaseImpl::swap_index_from(const std::filesystem::path& staging_pat
     // ends after the detachment.
     KeepStagingLog keep_log(conn->handle(), staging_path);
     conn->execute("ATTACH DATABASE ? AS stg", {staging_path.string()});
+    const auto detach = [&] { conn->execute("DETACH DATABASE stg"); };
+    undo_on_failure(
+        [&] {
+          // Read before the transaction begins, so that the write transaction
+          // holds only the emptying, the copies and the generation bump.
+          std::vector<std::pair<const char*, std::string>> col_lists;
+          for (const char* table : insert_tables) col_lists.emplace_back(table, column_list(*conn, table));
+          _transaction([&](Cursor& cursor) { _copy_staging(cursor, col_lists, row_counts); });
+        },
+        detach);
     try {
-      // Read before the transaction begins, so that the write transaction
-      // holds only the emptying, the copies and the generation bump.
-      std::vector<std::pair<const char*, std::string>> col_lists;
-      for (const char* table : insert_tables) col_lists.emplace_back(table, column_list(*conn, table));
-
-      _transaction([&](Cursor& cursor) {
-        // The live chunks are emptied whenever the live file has the table;
-        // they are refilled only when the staging file has it too.
-        const bool chunks = _empty_code_chunks(cursor) && _has_code_chunks(cursor, "stg");
-        delete_index_rows(cursor);
-        for (const auto& [table, columns] : col_lists) {
-          // One INSERT ... SELECT per table: no row passes through the program.
-          cursor.execute(std::string("INSERT INTO ") + table + " (" + columns + ") SELECT " + columns +
-                         " FROM stg." + table);
-          row_counts.set(table, rows_changed(cursor));
-        }
-        if (chunks) {
-          cursor.execute(
-              "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) "
-              "SELECT rowid, text, start_line, end_line, exact FROM stg.code_chunks");
-          row_counts.set("code_chunks", rows_changed(cursor));
-        }
-        // In the same commit as the rows: every process sees the new
-        // generation together with the new file ids.
-        _bump_index_generation(&cursor);
-      });
-    } catch (...) {
-      try {
-        conn->execute("DETACH DATABASE stg");
-      } catch (const Error&) {
-        // The failure that led here is the one to report.
-      }
-      throw;
-    }
-    try {
-      conn->execute("DETACH DATABASE stg");
+      detach();
     } catch (const Error&) {
-      // A committed swap stays a success; the attachment ends with the
-      // connection at the latest.
+      // A committed swap stays a success: the attachment ends with the
+      // connection at the latest, and the next swap detaches a leftover first.
     }
   }
 

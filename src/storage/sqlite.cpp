@@ -500,7 +500,7 @@ Row Cursor::current_row() {
   return Row(stmt_->names, std::move(values));
 }
 
-Cursor& Cursor::execute(std::string_view sql, const Params& params) {
+void Cursor::start(std::string_view sql) {
   check_open();
   stmt_.reset();
   buffered_.clear();
@@ -508,8 +508,11 @@ Cursor& Cursor::execute(std::string_view sql, const Params& params) {
   has_pending_ = false;
   done_ = true;
   rowcount_ = -1;
-
   stmt_ = conn_->acquire(sql);
+}
+
+Cursor& Cursor::execute(std::string_view sql, const Params& params) {
+  start(sql);
   if (!stmt_->stmt) return *this;  // empty statement: no rows
   bind_all(stmt_->stmt.get(), params);
   done_ = false;
@@ -529,15 +532,7 @@ Cursor& Cursor::execute(std::string_view sql, const Params& params) {
 }
 
 Cursor& Cursor::executemany(std::string_view sql, const std::vector<Params>& params_list) {
-  check_open();
-  stmt_.reset();
-  buffered_.clear();
-  next_buffered_ = 0;
-  has_pending_ = false;
-  done_ = true;
-  rowcount_ = -1;
-
-  stmt_ = conn_->acquire(sql);
+  start(sql);
   if (!stmt_->stmt) return *this;
   if (stmt_->readonly) throw Error("executemany() can only execute DML statements.", SQLITE_MISUSE);
   sqlite3* db = sqlite3_db_handle(stmt_->stmt.get());

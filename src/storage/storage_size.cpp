@@ -18,6 +18,7 @@
 
 #include "log.hpp"
 #include "text.hpp"
+#include "undo.hpp"
 
 namespace marsk_quorvi::storage::storage_size {
 
@@ -70,20 +71,17 @@ void rewrite_file(Connection& connection) {
     // SQLite reports success and stays in WAL when it cannot leave it.
     raise_error(SQLITE_BUSY, "database is locked");
   }
-  try {
-    connection.execute("PRAGMA page_size=" + std::to_string(PAGE_SIZE));
-    // VACUUM also applies the auto-vacuum mode asked for on this connection
-    // (connect asks for incremental), so a file made without auto-vacuum is
-    // converted by the same rewrite.
-    connection.execute("VACUUM");
-  } catch (...) {
-    try {
-      connection.execute("PRAGMA journal_mode=WAL");
-    } catch (const Error&) {
-      // The rewrite's failure is the one to report; the caller sees the mode.
-    }
-    throw;
-  }
+  // On failure the journal goes back to WAL too; the rewrite's failure is the
+  // one to report, and the caller reads the mode it left.
+  detail::undo_on_failure(
+      [&] {
+        connection.execute("PRAGMA page_size=" + std::to_string(PAGE_SIZE));
+        // VACUUM also applies the auto-vacuum mode asked for on this
+        // connection (connect asks for incremental), so a file made without
+        // auto-vacuum is converted by the same rewrite.
+        connection.execute("VACUUM");
+      },
+      [&] { connection.execute("PRAGMA journal_mode=WAL"); });
   connection.execute("PRAGMA journal_mode=WAL");
 }
 

@@ -154,6 +154,7 @@ class Cursor {
  private:
   friend class Connection;
   explicit Cursor(std::shared_ptr<Connection> conn) : conn_(std::move(conn)) {}
+  void start(std::string_view sql);  // resets the cursor and takes the statement for `sql`
   bool step_row(bool first = false);  // true when a row is current; `first`: the first step after binding
   Row current_row();
   void check_open() const;
