@@ -58,28 +58,19 @@ struct TableDdl {
 constexpr TableDdl TABLES[] = {
     {"schema_info", R"sql(
 CREATE TABLE schema_info (
-  key   TEXT PRIMARY KEY,
-  value TEXT
+  key TEXT PRIMARY KEY, value TEXT
 );
 )sql"},
     {"components", R"sql(
 CREATE TABLE components (
-  id          INTEGER PRIMARY KEY,
-  name        TEXT NOT NULL UNIQUE,
-  root_path   TEXT,
-  description TEXT
+  id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE, root_path TEXT, description TEXT
 );
 )sql"},
     {"files", R"sql(
 CREATE TABLE files (
-  id           INTEGER PRIMARY KEY,
-  path         TEXT NOT NULL UNIQUE,
-  language     TEXT,
-  content_hash TEXT,
-  size         INTEGER,
-  mtime        REAL,
-  component_id INTEGER REFERENCES components(id) ON DELETE SET NULL,
-  stale        INTEGER NOT NULL DEFAULT 0
+  id INTEGER PRIMARY KEY, path TEXT NOT NULL UNIQUE, language TEXT, content_hash TEXT,
+  size INTEGER, mtime REAL, component_id INTEGER REFERENCES components(id) ON DELETE SET NULL,
+  stale INTEGER NOT NULL DEFAULT 0
 );
 CREATE INDEX IF NOT EXISTS idx_files_language ON files(language);
 CREATE INDEX IF NOT EXISTS idx_files_component ON files(component_id);
@@ -87,16 +78,9 @@ CREATE INDEX IF NOT EXISTS idx_files_stale ON files(id) WHERE stale <> 0;
 )sql"},
     {"symbols", R"sql(
 CREATE TABLE symbols (
-  id         INTEGER PRIMARY KEY,
-  file_id    INTEGER NOT NULL REFERENCES files(id) ON DELETE CASCADE,
-  name       TEXT NOT NULL,
-  fqn        TEXT NOT NULL,
-  kind       TEXT NOT NULL,
-  start_line INTEGER,
-  end_line   INTEGER,
-  parent_id  INTEGER REFERENCES symbols(id) ON DELETE CASCADE,
-  signature  TEXT,
-  docstring  TEXT
+  id INTEGER PRIMARY KEY, file_id INTEGER NOT NULL REFERENCES files(id) ON DELETE CASCADE,
+  name TEXT NOT NULL, fqn TEXT NOT NULL, kind TEXT NOT NULL, start_line INTEGER, end_line INTEGER,
+  parent_id INTEGER REFERENCES symbols(id) ON DELETE CASCADE, signature TEXT, docstring TEXT
 );
 CREATE INDEX IF NOT EXISTS idx_symbols_file ON symbols(file_id);
 CREATE INDEX IF NOT EXISTS idx_symbols_name ON symbols(name);
@@ -105,47 +89,33 @@ CREATE INDEX IF NOT EXISTS idx_symbols_parent ON symbols(parent_id);
 )sql"},
     {"edges", R"sql(
 CREATE TABLE edges (
-  id         INTEGER PRIMARY KEY,
-  source_id  INTEGER NOT NULL REFERENCES symbols(id) ON DELETE CASCADE,
-  target_id  INTEGER NOT NULL REFERENCES symbols(id) ON DELETE CASCADE,
-  kind       TEXT NOT NULL,
-  resolution TEXT NOT NULL DEFAULT 'exact',
-  line       INTEGER
+  id INTEGER PRIMARY KEY, source_id INTEGER NOT NULL REFERENCES symbols(id) ON DELETE CASCADE,
+  target_id INTEGER NOT NULL REFERENCES symbols(id) ON DELETE CASCADE, kind TEXT NOT NULL,
+  resolution TEXT NOT NULL DEFAULT 'exact', line INTEGER
 );
 CREATE INDEX IF NOT EXISTS idx_edges_source ON edges(source_id, kind);
 CREATE INDEX IF NOT EXISTS idx_edges_target ON edges(target_id, kind);
 )sql"},
     {"external_imports", R"sql(
 CREATE TABLE external_imports (
-  id      INTEGER PRIMARY KEY,
-  file_id INTEGER NOT NULL REFERENCES files(id) ON DELETE CASCADE,
-  module  TEXT NOT NULL,
-  name    TEXT,
-  alias   TEXT,
-  line    INTEGER
+  id INTEGER PRIMARY KEY, file_id INTEGER NOT NULL REFERENCES files(id) ON DELETE CASCADE,
+  module TEXT NOT NULL, name TEXT, alias TEXT, line INTEGER
 );
 CREATE INDEX IF NOT EXISTS idx_external_imports_file ON external_imports(file_id);
 CREATE INDEX IF NOT EXISTS idx_external_imports_module ON external_imports(module);
 )sql"},
     {"pending_references", R"sql(
 CREATE TABLE pending_references (
-  id          INTEGER PRIMARY KEY,
-  source_path TEXT NOT NULL,
-  source_fqn  TEXT NOT NULL,
-  target_name TEXT NOT NULL,
-  kind        TEXT NOT NULL,
-  line        INTEGER
+  id INTEGER PRIMARY KEY, source_path TEXT NOT NULL, source_fqn TEXT NOT NULL,
+  target_name TEXT NOT NULL, kind TEXT NOT NULL, line INTEGER
 );
 CREATE INDEX IF NOT EXISTS idx_pending_references_target ON pending_references(target_name);
 CREATE INDEX IF NOT EXISTS idx_pending_references_source ON pending_references(source_path);
 )sql"},
     {"index_errors", R"sql(
 CREATE TABLE index_errors (
-  id         INTEGER PRIMARY KEY,
-  file_path  TEXT NOT NULL,
-  error_type TEXT NOT NULL,
-  message    TEXT,
-  line       INTEGER
+  id INTEGER PRIMARY KEY, file_path TEXT NOT NULL, error_type TEXT NOT NULL, message TEXT,
+  line INTEGER
 );
 CREATE INDEX IF NOT EXISTS idx_index_errors_file ON index_errors(file_path, error_type);
 )sql"},
