@@ -13,6 +13,7 @@
 #include "marsk_quorvi/storage/sqlite.hpp"
 #include "marsk_quorvi/storage/storage_size.hpp"
 #include "quorvi/index_pass.hpp"
+#include "quorvi/progress.hpp"
 #include "quorvi/language.hpp"
 #include "quorvi/subprocess.hpp"
 
@@ -24,7 +25,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-double since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 std::string format_g(double v) {
   char buf[32];

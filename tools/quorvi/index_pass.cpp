@@ -1,4 +1,5 @@
 #include "quorvi/index_pass.hpp"
+#include "quorvi/progress.hpp"
 
 #include <spdlog/sinks/base_sink.h>
 
@@ -13,10 +14,6 @@ namespace marsk_quorvi::cli {
 namespace fs = std::filesystem;
 
 namespace {
-
-double since(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
 
 // Keeps what the compaction that follows a swap says about itself: the swap
 // reports only its row counts, and the log lines are the record of the rest.

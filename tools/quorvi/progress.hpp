@@ -8,6 +8,11 @@
 
 namespace marsk_quorvi::cli {
 
+// Seconds on the monotonic clock since `start`.
+inline double since(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
 class Progress {
  public:
   explicit Progress(std::FILE* stream = stderr);
