@@ -7,6 +7,7 @@
 #include <cstring>
 #include <list>
 #include <string_view>
+#include <utility>
 
 namespace marsk_quorvi::storage {
 
@@ -25,10 +26,29 @@ struct Statement {
   std::shared_ptr<const std::vector<std::string>> names;
   bool readonly = true;  // sqlite3_stmt_readonly
   bool dml = false;      // INSERT/UPDATE/DELETE/REPLACE: rowcount applies
+  // Under the owner's mutex: whether a cursor has it now, and, when cached,
+  // its place in the owner's list.
+  bool in_use = false;
+  std::list<OwnedStatement>::iterator pos;
 };
 
-void StatementReturn::operator()(Statement* s) const noexcept {
-  if (s) s->owner->give_back(OwnedStatement(s));
+StatementLease::StatementLease(Statement* statement, OwnedStatement owned) noexcept
+    : statement_(statement), owned_(std::move(owned)) {}
+
+StatementLease::StatementLease(StatementLease&& other) noexcept
+    : statement_(std::exchange(other.statement_, nullptr)), owned_(std::move(other.owned_)) {}
+
+StatementLease& StatementLease::operator=(StatementLease&& other) noexcept {
+  if (this != &other) {
+    reset();
+    statement_ = std::exchange(other.statement_, nullptr);
+    owned_ = std::move(other.owned_);
+  }
+  return *this;
+}
+
+void StatementLease::reset() noexcept {
+  if (Statement* s = std::exchange(statement_, nullptr)) s->owner->give_back(s, std::move(owned_));
 }
 
 void StatementDelete::operator()(Statement* s) const noexcept { delete s; }
@@ -296,12 +316,17 @@ void Connection::close() noexcept {
     std::lock_guard lk(mu_);
     open_.store(false);
     db = std::move(db_);
-    idle.swap(idle_);
-    index_.clear();
+    // Statements in use stay until their cursors give them back.
+    for (auto it = lru_.begin(); it != lru_.end();) {
+      auto next = std::next(it);
+      if (!(*it)->in_use) {
+        index_.erase((*it)->sql);
+        idle.splice(idle.end(), lru_, it);
+      }
+      it = next;
+    }
   }
-  // Finalised before the handle closes; statements held by cursors are
-  // finalised when they come back.
-  idle.clear();
+  // Finalised before the handle closes (declared after it, destroyed first).
 }
 
 bool Connection::closed() const noexcept { return !open_.load(std::memory_order_acquire); }
@@ -311,22 +336,34 @@ sqlite3* Connection::handle() const noexcept {
   return db_.get();
 }
 
-detail::StatementPtr Connection::acquire(std::string_view sql) {
+std::unique_lock<std::mutex> Connection::cache_lock() const {
+  // A connection opened without SQLite's own serialisation belongs to one
+  // thread at a time (a read connection, by lease), so its cache needs no
+  // lock of its own: the hand-over between threads already orders it.
+  return options_.serialized ? std::unique_lock(mu_) : std::unique_lock<std::mutex>();
+}
+
+detail::StatementLease Connection::acquire(std::string_view sql) {
   sqlite3* db;
+  bool busy = false;
   {
-    std::lock_guard lk(mu_);
+    const auto lk = cache_lock();
     db = db_.get();
     if (!db) throw Error("Cannot operate on a closed database.", SQLITE_MISUSE);
     if (auto it = index_.find(sql); it != index_.end()) {
-      detail::OwnedStatement s = std::move(*it->second);
-      idle_.erase(it->second);
-      index_.erase(it);
-      return detail::StatementPtr(s.release());
+      detail::Statement* s = it->second;
+      if (!s->in_use) {
+        s->in_use = true;
+        lru_.splice(lru_.begin(), lru_, s->pos);
+        return detail::StatementLease(s, nullptr);
+      }
+      busy = true;  // another cursor runs it: this one gets a copy of its own
     }
   }
   detail::OwnedStatement s(new detail::Statement);
   s->owner = this;
   s->sql = std::string(sql);
+  s->in_use = true;
   const char* tail = nullptr;
   int rc;
   std::string message;
@@ -360,40 +397,50 @@ detail::StatementPtr Connection::acquire(std::string_view sql) {
     s->dml = !s->readonly && is_dml(s->sql);
   }
   s->names = std::move(names);
-  return detail::StatementPtr(s.release());
+  detail::Statement* const statement = s.get();
+  if (busy || options_.statement_cache == 0) return detail::StatementLease(statement, std::move(s));
+
+  detail::OwnedStatement trimmed;  // finalised after the lock is released
+  const auto lk = cache_lock();
+  // Another thread may have cached the same text meanwhile, or closed.
+  if (!db_ || index_.contains(statement->sql)) return detail::StatementLease(statement, std::move(s));
+  lru_.push_front(std::move(s));
+  statement->pos = lru_.begin();
+  index_.emplace(statement->sql, statement);
+  if (lru_.size() > options_.statement_cache) trimmed = trim_one();
+  return detail::StatementLease(statement, nullptr);
 }
 
-void Connection::give_back(detail::OwnedStatement s) noexcept {
-  if (s->stmt) {
-    sqlite3_reset(s->stmt.get());
-    sqlite3_clear_bindings(s->stmt.get());
+detail::OwnedStatement Connection::trim_one() {
+  // The least recently used statement that no cursor holds; while more
+  // cursors are open than the cache holds it stays over its bound, and is
+  // trimmed as they come back.
+  for (auto it = lru_.end(); it != lru_.begin();) {
+    --it;
+    if ((*it)->in_use) continue;
+    index_.erase((*it)->sql);
+    detail::OwnedStatement victim = std::move(*it);
+    lru_.erase(it);
+    return victim;
   }
-  // Finalised outside the mutex, after the lock below is released.
-  detail::OwnedStatement evicted, trimmed;
-  std::lock_guard lk(mu_);
-  // A closed connection keeps nothing; nor is a second copy of a statement
-  // that two cursors ran at once.
-  if (!db_ || options_.statement_cache == 0 || index_.contains(s->sql)) {
-    evicted = std::move(s);
-    return;
-  }
-  try {
-    idle_.push_front(std::move(s));  // leaves `s` intact when it throws
-    try {
-      index_.emplace(idle_.front()->sql, idle_.begin());
-    } catch (...) {
-      evicted = std::move(idle_.front());
-      idle_.pop_front();
-      return;
-    }
-  } catch (...) {
-    evicted = std::move(s);  // out of memory for the entry: not cached
-    return;
-  }
-  if (idle_.size() > options_.statement_cache) {
-    index_.erase(idle_.back()->sql);
-    trimmed = std::move(idle_.back());
-    idle_.pop_back();
+  return nullptr;
+}
+
+void Connection::give_back(detail::Statement* s, detail::OwnedStatement owned) noexcept {
+  // Reset ends the statement's read transaction. Its bindings stay: every
+  // execute binds all of a statement's parameters again.
+  if (s->stmt) sqlite3_reset(s->stmt.get());
+  if (owned) return;  // a copy of its cursor's own: finalised here
+  detail::OwnedStatement finalised;  // after the lock is released
+  const auto lk = cache_lock();
+  s->in_use = false;
+  if (!db_) {
+    // The connection closed while the cursor ran: the cache lets it go.
+    index_.erase(s->sql);
+    finalised = std::move(*s->pos);
+    lru_.erase(s->pos);
+  } else if (lru_.size() > options_.statement_cache) {
+    finalised = trim_one();
   }
 }
 

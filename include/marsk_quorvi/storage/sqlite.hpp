@@ -95,19 +95,33 @@ class Row {
 class Connection;
 namespace detail {
 struct Statement;
-// Hands a statement back to its connection's cache (or finalises it) when the
-// cursor that holds it lets go.
-struct StatementReturn {
-  void operator()(Statement* s) const noexcept;
-};
-using StatementPtr = std::unique_ptr<Statement, StatementReturn>;
-struct CloseDb {
-  void operator()(sqlite3* db) const noexcept;
-};
 struct StatementDelete {
   void operator()(Statement* s) const noexcept;
 };
 using OwnedStatement = std::unique_ptr<Statement, StatementDelete>;
+struct CloseDb {
+  void operator()(sqlite3* db) const noexcept;
+};
+
+// A cursor's hold on one prepared statement. A cached statement stays owned
+// by its connection's cache and is only marked in use; a second copy, made
+// while the cached one is busy, is owned by the lease. Either way the
+// statement goes back (or is finalised) when the lease ends.
+class StatementLease {
+ public:
+  StatementLease() noexcept = default;
+  StatementLease(Statement* statement, OwnedStatement owned) noexcept;
+  StatementLease(StatementLease&& other) noexcept;
+  StatementLease& operator=(StatementLease&& other) noexcept;
+  ~StatementLease() { reset(); }
+  void reset() noexcept;
+  Statement* operator->() const noexcept { return statement_; }
+  explicit operator bool() const noexcept { return statement_ != nullptr; }
+
+ private:
+  Statement* statement_ = nullptr;
+  OwnedStatement owned_;
+};
 }  // namespace detail
 
 // Runs one statement at a time on its connection. A statement that writes is
@@ -160,7 +174,7 @@ class Cursor {
   void check_open() const;
 
   std::shared_ptr<Connection> conn_;
-  detail::StatementPtr stmt_;
+  detail::StatementLease stmt_;
   std::vector<Row> buffered_;  // rows read ahead by a write statement
   std::size_t next_buffered_ = 0;
   bool has_pending_ = false;  // stmt_ holds a row not yet fetched
@@ -179,8 +193,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     // connection in turn (and read a cursor after the caller's lock is gone).
     bool serialized = true;
     int busy_timeout_ms = 5000;
-    // Idle prepared statements kept per connection, least recently used
-    // dropped first. A statement a cursor is using belongs to that cursor.
+    // Prepared statements kept per connection, least recently used dropped
+    // first. One a cursor is using is never handed to another.
     std::size_t statement_cache = 64;
   };
 
@@ -210,24 +224,28 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
  private:
   friend class Cursor;
-  friend struct detail::StatementReturn;
+  friend class detail::StatementLease;
   Connection(sqlite3* db, std::string path, Options options);
-  detail::StatementPtr acquire(std::string_view sql);
-  void give_back(detail::OwnedStatement s) noexcept;
+  detail::StatementLease acquire(std::string_view sql);
+  void give_back(detail::Statement* statement, detail::OwnedStatement owned) noexcept;
+  detail::OwnedStatement trim_one();  // under the cache lock
+  std::unique_lock<std::mutex> cache_lock() const;
 
   const std::string path_;
   const Options options_;
-  mutable std::mutex mu_;  // guards db_, idle_ and index_
+  // Guards db_, lru_, index_ and each cached statement's in_use (the latter
+  // three through cache_lock()).
+  mutable std::mutex mu_;
   // Reset only under mu_, by close(); open_ mirrors it for the lock-free
   // `closed()` that every cursor call asks.
   std::unique_ptr<sqlite3, detail::CloseDb> db_;
   std::atomic<bool> open_{false};
-  // The idle statements, most recently returned first; a statement a cursor
-  // holds is owned by that cursor and not in here. Keys of `index_` are views
-  // of each statement's own SQL text. Declared after db_ so they are
-  // finalised before the handle closes.
-  std::list<detail::OwnedStatement> idle_;
-  std::unordered_map<std::string_view, std::list<detail::OwnedStatement>::iterator> index_;
+  // The cache, most recently used first. A statement a cursor runs stays in
+  // here, marked in use, so that a repeated query costs a lookup and no
+  // allocation. Keys of `index_` are views of each statement's own SQL text.
+  // Declared after db_, so the statements are finalised before it closes.
+  std::list<detail::OwnedStatement> lru_;
+  std::unordered_map<std::string_view, detail::Statement*> index_;
 };
 
 // Raises the Error or OperationalError for result code `rc` with SQLite's
