@@ -204,6 +204,8 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
             "other/generated/g.c::k:variable:1<g.c src/memory/kept.c::k:variable:1<kept.c "
             "src/shapes.py::Rectangle:class:3<shapes.py src/shapes.py::Rectangle.area:member:3(self)<Rectangle\n");
   EXPECT_EQ(rows_of(db, "SELECT group_concat(text, '') FROM code_chunks WHERE rowid >> 20 = 8"), long_text + "\n");
+  EXPECT_EQ(rows_of(db, "SELECT rowid & 1048575, start_line, end_line FROM code_chunks WHERE rowid >> 20 = 8"),
+            "0|1|60\n1|61|120\n2|121|125\n");
 
   const fs::path bad = path("bad.db"), other = path("other.db"), none = path("none.db"), bench = path("bench");
   fs::copy_file(db, bad);
