@@ -1,0 +1,300 @@
+// quorvi-db's parts on their own (the command line, .gitignore rules, the
+// language table, the process runner, a staging build from what a stand-in
+// for ctags extracts) and the real executable on a repository made here.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include "marsk_quorvi/errors.hpp"
+#include "marsk_quorvi/storage/core_schema.hpp"
+#include "quorvi/gitignore.hpp"
+#include "quorvi/language.hpp"
+#include "quorvi/source_file.hpp"
+#include "quorvi/staging.hpp"
+#include "quorvi/subprocess.hpp"
+#include "support/test_support.hpp"
+
+namespace fs = std::filesystem;
+namespace storage = marsk_quorvi::storage;
+using namespace marsk_quorvi::cli;
+using ::testing::AllOf;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+namespace {
+
+void write(const fs::path& p, const std::string& text, bool executable = false) {
+  fs::create_directories(p.parent_path());
+  std::ofstream(p, std::ios::binary) << text;
+  if (executable) fs::permissions(p, fs::perms::owner_all);
+}
+
+// The rows of `sql`, columns joined by '|', one line each.
+std::string rows_of(const fs::path& file, const std::string& sql) {
+  auto conn = storage::Connection::open(file.string());
+  std::string out;
+  for (const auto& row : conn->execute(sql).fetchall()) {
+    for (std::size_t i = 0; i < row.size(); ++i) out += (i ? "|" : "") + row[i].to_text();
+    out += "\n";
+  }
+  conn->close();
+  return out;
+}
+
+class QuorviDb : public marsk_quorvi::testing::TempDirTest {};
+
+}  // namespace
+
+TEST(IgnoreRules, MatchesLikeGit) {
+  // Rules, path (a trailing '/' asks about a directory), whether it is ignored.
+  const std::tuple<const char*, std::string_view, bool> cases[] = {
+      {"*.o", "a.o", true}, {"*.o", "src/deep/a.o", true}, {"*.o", "a.oo", false}, {"build/", "build/", true},
+      {"build/", "build", false}, {"build/", "src/build/", true}, {"/build", "build", true},
+      {"/build", "src/build/", false}, {"doc/*.txt", "doc/a.txt", true}, {"doc/*.txt", "doc/sub/a.txt", false},
+      {"doc/*.txt", "x/doc/a.txt", false}, {"**/gen", "gen/", true}, {"**/gen", "a/b/gen/", true},
+      {"a/**/z", "a/z", true}, {"a/**/z", "a/b/c/z", true}, {"out/**", "out/", false}, {"out/**", "out/x", true},
+      {"*.log\n!keep.log", "keep.log", false}, {"*.log\n!keep.log", "other.log", true},
+      {"!keep.log\n*.log", "keep.log", true}, {"# comment\n\n  \n", "# comment", false}, {"\\#lit", "#lit", true},
+      {"\\!bang", "!bang", true}, {"trail   ", "trail", true}, {"sp\\ ", "sp ", true},
+      {"crlf.txt\r\n", "crlf.txt", true}, {"file[0-9].c", "file7.c", true}, {"file[!0-9].c", "file7.c", false},
+      {"?.c", "ab.c", false},
+  };
+  for (const auto& [rules, path, ignored] : cases) {
+    const bool is_dir = path.ends_with('/');
+    EXPECT_EQ(IgnoreRules(rules).ignored(path.substr(0, path.size() - is_dir), is_dir), ignored)
+        << rules << " " << path;
+  }
+}
+
+TEST(Language, ByNameAndExtension) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"a.h", "cpp"},      {"a.C", "cpp"},    {"a.PY", "python"},    {"CMakeLists.txt", "cmake"}, {"Makefile", "make"},
+      {".bashrc", "text"}, {"noext", "text"}, {"trailing.", "text"}, {"a.tar.gz", "text"},        {"x.mk", "make"},
+  };
+  for (const auto& [name, lang] : cases) EXPECT_EQ(language_for(name), lang) << name;
+  // ctags is told to read a .h file as C++, the language the index gives it.
+  const auto mapped = parsed_extensions();
+  EXPECT_NE(std::find(mapped.begin(), mapped.end(), std::pair<std::string, std::string>("C++", "h")), mapped.end());
+}
+
+TEST(Ctags, ReadsVersionsAndEndsTheChildWhenTheLineHandlerThrows) {
+  EXPECT_EQ(parse_ctags_version("Universal Ctags 6.1.2(v6.1.2), Copyright"), 60102);
+  EXPECT_EQ(parse_ctags_version("Universal Ctags 5.9(p5.9.20220828.0)"), 50900);
+  EXPECT_EQ(parse_ctags_version("Exuberant Ctags 5.8, Copyright"), std::nullopt);
+  // Without the kill this never returns.
+  EXPECT_THROW(run_process({"yes"}, [](std::string_view) { throw std::runtime_error("enough"); }), std::runtime_error);
+}
+
+TEST_F(QuorviDb, StagingHoldsWhatBatchesOnThreadsExtractAndNothingWhenItFails) {
+  // Tags out of line order, one in a scope no tag defines, lines that are no tags; fails when given "poison".
+  write(path("ctags"),
+        "#!/bin/sh\n[ \"$1\" = --version ] && echo 'Universal Ctags 9.8.7, +json' && exit 0\n"
+        "t() { printf '{\"_type\": \"%s\", \"path\": \"%s\", %s}\\n' \"${2:-tag}\" \"$a\" \"$1\"; }\n"
+        "for a; do case \"$a\" in *poison*) echo 'ctags: cannot parse' >&2; exit 1;; esac\n"
+        "  t '\"name\": \"two\", \"line\": 2, \"scope\": \"one\", \"signature\": \"()\"'\n"
+        "  t '\"name\": \"one\", \"line\": 1, \"end\": 2, \"kind\": \"class\"'\n"
+        "  t '\"name\": \"lost\", \"line\": 3, \"end\": \"9\", \"scope\": \"nowhere\"'\n"
+        "  t '\"name\": \"P\", \"line\": 1' ptag; t '\"name\": \"no line\"'; printf '{broken\\n\\n'\ndone\n",
+        true);
+  const Ctags ctags(path("ctags").string());
+  EXPECT_EQ(ctags.version(), 90807);
+  const fs::path repo = path("repo"), staging = path("index.db.staging");
+  for (const char* name : {"a.c", "m.c", "poison.c", "z.md"}) write(repo / name, "int x;\n\n");
+  write(repo / "blob.c", std::string("\0\1", 2));
+  // Two files a batch on three threads: [a.c blob.c] [m.c poison.c] [z.md].
+  std::size_t most = 0;
+  const auto progress = [&](std::size_t done, std::size_t of) { EXPECT_EQ(of, 5u); most = std::max(most, done); };
+  const auto ex = extract(repo, walk_repository(repo, {}), &ctags, {0, 3, 2, 8u << 20, progress});
+  write(staging, "left over from a crash");
+  const auto c = build_staging(staging, repo, ex);
+  EXPECT_EQ(most, 5u);  // every file of five counted once
+  EXPECT_EQ(std::tie(c.files, c.symbols, c.chunks, c.errors), std::make_tuple(4, 6, 4, 2));
+  // m.c's tags from the failed batch are not kept twice.
+  EXPECT_EQ(rows_of(staging, "SELECT group_concat(s.fqn || ':' || s.kind || ':' || s.start_line || '-' || s.end_line "
+                             "|| ifnull(s.signature, '') || '<' || ifnull(p.name, ''), ' ') "
+                             "FROM symbols s LEFT JOIN symbols p ON p.id = s.parent_id WHERE s.file_id = 2"),
+            "m.c:module:1-2< m.c::one:class:1-2<m.c m.c::one::two:unknown:2-2()<one "
+            "m.c::nowhere::lost:unknown:3-3<m.c\n");
+  EXPECT_EQ(rows_of(staging, "SELECT file_path, error_type, message FROM index_errors"),
+            "blob.c|binary_file|binary content: a NUL byte at offset 0\n"
+            "poison.c|parse_error|ctags exited with status 1: ctags: cannot parse\n");
+  EXPECT_EQ(rows_of(staging, "PRAGMA page_size"), "8192\n");
+  // The bulk load drops the secondary indexes and must make every one again.
+  auto cursor = storage::Connection::open(path("fresh.db").string())->cursor();
+  storage::core_schema::create_tables(cursor);
+  cursor.connection().close();
+  const std::string schema = "SELECT type, name, tbl_name, sql FROM sqlite_master ORDER BY type, name";
+  EXPECT_EQ(rows_of(staging, schema), rows_of(path("fresh.db"), schema));
+  EXPECT_EQ(staging_path_for("/r/index.db"), fs::path("/r/index.db.staging"));
+
+  auto twice = ex;
+  twice.files.push_back(ex.files[0]);  // breaks files.path's uniqueness
+  EXPECT_THROW(build_staging(staging, repo, twice), storage::Error);
+  EXPECT_FALSE(fs::exists(staging));
+  EXPECT_THAT([] { Ctags("/nonexistent/ctags"); },
+              ::testing::ThrowsMessage<marsk_quorvi::RuntimeError>(
+                  "Universal Ctags is needed to extract symbols (cannot run /nonexistent/ctags: No such file or "
+                  "directory); install the Debian package universal-ctags"));
+}
+
+#ifdef QUORVI_DB_EXE
+
+TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    ::testing::Matcher<const std::string&> out;
+    ::testing::Matcher<const std::string&> err = "";
+  };
+  const auto run = [](const Case& c) {
+    std::vector<std::string> argv{QUORVI_DB_EXE};
+    argv.insert(argv.end(), c.args.begin(), c.args.end());
+    std::string out;
+    const auto r = run_process(argv, [&](std::string_view line) { (out += line) += "\n"; });
+    SCOPED_TRACE(::testing::PrintToString(c.args));
+    EXPECT_EQ(r.exit_code, c.status);
+    EXPECT_THAT(out, c.out);
+    EXPECT_THAT(r.err, c.err);
+  };
+  const fs::path repo = path("repo"), db = repo / "memory/codebase-index/index.db";
+  write(repo / ".gitignore", "*.log\n/generated/\n!keep.log\n");
+  write(repo / "src/shapes.py", "class Rectangle:\n    def area(self):\n        return 42\n");
+  write(repo / "lib/engine.cpp", "namespace n {\nstruct S {\n  int spin_turbine(int rpm) { return rpm * 2; }\n};\n}\n");
+  write(repo / "-dash.py", "def dashed():\n    pass\n");  // would look like an option to ctags
+  write(repo / "README.md", "# Title\n");
+  write(repo / "empty.py", "");
+  std::string long_text;
+  for (int i = 1; i <= 125; ++i) long_text += "line " + std::to_string(i) + "\n";
+  write(repo / "long.txt", long_text);
+  write(repo / "assets/blob.bin", std::string("abc\0def", 7));
+  write(repo / "big.c", std::string(10000, 'x'));
+  write(repo / "late_nul.txt", std::string(BINARY_SNIFF_BYTES, 'x') + '\0');  // past the sniffed head
+  // Build folders at any level, by name or by their cache; memory/ and an anchored rule at the top only.
+  for (const char* name : {"src/build/out.o", "src/memory/kept.c", "memory/old.c", ".git/HEAD", "generated/g.c",
+                           "other/generated/g.c", "cmake-build-debug/x.c", "custom_out/CMakeCache.txt",
+                           "custom_out/y.c", "run.log", "keep.log", "memory/codebase-index/index.db.staging"}) {
+    write(repo / name, "int k;\n");
+  }
+  fs::create_directory_symlink(repo / "src", repo / "loop");
+  fs::create_symlink(repo / "nowhere", repo / "dangling.c");
+  ASSERT_EQ(::mkfifo((repo / "fifo.c").c_str(), 0644), 0);
+  fs::create_symlink(repo / "fifo.c", repo / "fifo_link.c");  // opened through the link without blocking
+  run({{"index", repo.string(), "--max-file-size", "9000"}, 0,
+       AllOf(StartsWith("indexed " + fs::canonical(repo).string() + " into " + db.string() + "\n"),
+             HasSubstr("16 files walked, 11 indexed, 5 with errors, 8 symbols (ctags "),
+             HasSubstr("\nstaging build:  12 chunks in "),
+             EndsWith("generation: 1\ncompaction: nothing to release\n"))});
+
+  EXPECT_EQ(rows_of(db, "SELECT group_concat(path || ':' || language || ':' || size || ':' || ifnull(component_id, '-')"
+                        " || ':' || (mtime > 1e9), ' ') FROM (SELECT * FROM files ORDER BY id)"),
+            "-dash.py:python:23:-:1 .gitignore:text:28:-:1 README.md:markdown:8:-:1 empty.py:python:0:-:1 "
+            "keep.log:text:7:-:1 late_nul.txt:text:8001:-:1 lib/engine.cpp:cpp:78:1:1 long.txt:text:1017:-:1 "
+            "other/generated/g.c:c:7:2:1 src/memory/kept.c:c:7:3:1 src/shapes.py:python:55:3:1\n");
+  EXPECT_EQ(rows_of(db, "SELECT content_hash FROM files WHERE size IN (0, 8)"), "cdd397c460d72cde\ncbf29ce484222325\n");
+  EXPECT_EQ(rows_of(db, "SELECT id, name, root_path FROM components"), "1|lib|lib\n2|other|other\n3|src|src\n");
+  EXPECT_EQ(rows_of(db, "SELECT group_concat(end_line) FROM symbols WHERE kind = 'module'"),
+            "2,3,1,1,1,1,5,125,1,1,3\n");
+  EXPECT_EQ(rows_of(db, "SELECT group_concat(s.fqn || ':' || s.kind || ':' || s.end_line || ifnull(s.signature, '') "
+                        "|| '<' || p.name, ' ') FROM symbols s JOIN symbols p ON p.id = s.parent_id"),
+            "-dash.py::dashed:function:2()<-dash.py lib/engine.cpp::n:namespace:5<engine.cpp "
+            "lib/engine.cpp::n::S:struct:4<n lib/engine.cpp::n::S::spin_turbine:function:3(int rpm)<S "
+            "other/generated/g.c::k:variable:1<g.c src/memory/kept.c::k:variable:1<kept.c "
+            "src/shapes.py::Rectangle:class:3<shapes.py src/shapes.py::Rectangle.area:member:3(self)<Rectangle\n");
+  EXPECT_EQ(rows_of(db, "SELECT group_concat(text, '') FROM code_chunks WHERE rowid >> 20 = 8"), long_text + "\n");
+  EXPECT_EQ(rows_of(db, "SELECT rowid & 1048575, start_line, end_line FROM code_chunks WHERE rowid >> 20 = 8"),
+            "0|1|60\n1|61|120\n2|121|125\n");
+
+  const fs::path bad = path("bad.db"), other = path("other.db"), none = path("none.db"), bench = path("bench");
+  fs::copy_file(db, bad);
+  storage::Connection::open(bad.string())
+      ->executescript("CREATE TABLE t(a, b); INSERT INTO t VALUES (1, 2), (3, 4); CREATE INDEX ti ON t(a); "
+                      "PRAGMA writable_schema=ON; UPDATE sqlite_master SET sql = 'CREATE INDEX ti ON t(b)' "
+                      "WHERE name = 'ti'");
+  write(path("garbage.db"), std::string(8192, 'x'));
+  write(path("empty.db"), "");
+  write(bench / "a_bench",
+        "#!/bin/sh\necho warming up\nprintf 'BENCH\\t%s\\t3\\ts\\tcp\\t2\\t1.500\\t%s\\n' le '<= 1.5' lt '< 1.5' "
+        "ge '>= 2' uge '\u2265 1.5' gt 'ratio > 1x' ule '\u2264 1.4' word fast soon '<= soon'\n"
+        "printf 'BENCH\\tbad\\nBENCH\\t\\t1\\ts\\tp\\t1\\t1\\t<2\\nBENCH\\tsolo\\t9\\t\\t-\\t0\\t-\\t<= 2\\r'\n",
+        true);  // the last line unended
+  write(bench / "b_bench", "#!/bin/sh\necho 'BENCH broken'; exit 3\n", true);
+  write(bench / "d_bench", "#!/bin/sh\nkill -9 $$\n", true);
+  write(bench / "c_bench", "not executable");
+  // An edit reaches the index only through the next pass.
+  write(repo / "lib/engine.cpp", "int spin_rotor(int rpm) {\n  return rpm * 3;\n}\n");
+  const std::string d = db.string(), errors = "assets/blob.bin: binary_file: binary content: a NUL byte at offset 3\n";
+  const auto usage = [](const std::string& message, const std::string& command) {
+    return "quorvi-db: " + message + "\nTry 'quorvi-db " + command + "--help'.\n";
+  };
+  const Case cases[] = {
+      {{"search", "spin_turbine", "--db", d}, 0, "lib/engine.cpp:3  int spin_turbine(int rpm) { return rpm * 2; }\n"},
+      {{"search", "\"line 62\"", "OR", "\"line 64\"", "--db", d}, 0, "long.txt:62-64  line 62\n"},
+      {{"search", "return", "--limit=1", "--db", d}, 0, "src/shapes.py:3  return 42\n"},  // best first: the shorter
+      {{"errors", "--db", d}, 0,
+       errors + "big.c: file_too_large: 10000 bytes, the limit is 9000 bytes\n"
+                "dangling.c: io_error: cannot open: No such file or directory\n"
+                "fifo.c: io_error: not a regular file: a fifo\nfifo_link.c: io_error: not a regular file: a fifo\n"
+                "5 files with errors (5 rows)\n"},
+      {{"--limit", "1", "errors", "--db", d}, 0, errors + "5 files with errors (5 rows, 1 shown)\n"},
+      {{"stats", "--db", d}, 0,
+       AllOf(HasSubstr("\n  files       11\n  symbols     8\n"), HasSubstr("errors: 5\ngeneration: 1\nsize: "),
+             HasSubstr("free)\nlast index: 20"))},
+      {{"check", "--db", d}, 0, "ok\n"},
+      {{"compact", "--db", d}, 0, "compaction: nothing to release\n"},
+      {{"check", "--db", bad}, 1, StartsWith("integrity check failed:\n  row 1 missing from index ti\n  row 2")},
+      {{"stats", "--db", path("garbage.db")}, 5, "", "quorvi-db: stats: file is not a database (the file is damaged or "
+                                                     "not an index; `quorvi-db index` rebuilds it)\n"},
+      {{"stats", "--db", none}, 3, "",
+       "quorvi-db: no index at " + none.string() + " (build one with `quorvi-db index`, or name the file with --db)\n"},
+      {{"swap", none, "--db", d}, 3, "", "quorvi-db: no staging file at " + none.string() + "\n"},
+      {{"index", "-"}, 3, "", "quorvi-db: no repository folder at -\n"},
+      {{"bench", "--bench-dir", none}, 3, "", StartsWith("quorvi-db: no benchmark folder at " + none.string() + " (")},
+      {{"swap", path("empty.db"), "--db", d}, 6, "", "quorvi-db: swap: no such table: stg.components\n"},
+      {{"index", repo, "--db", repo / ".gitignore/x.db"}, 6, "", StartsWith("quorvi-db: index: [Errno 20] Not a dir")},
+      {{"bench", "--bench-dir", bench, "--no-index", "--verbose"}, 6,
+       "figure  value  peer  peer value  ratio  target      verdict\n" + std::string(59, '-') +
+           "\nle      3 s    cp    2 s         1.500  <= 1.5      met\n"
+           "lt      3 s    cp    2 s         1.500  < 1.5       missed\n"
+           "ge      3 s    cp    2 s         1.500  >= 2        missed\n"
+           "uge     3 s    cp    2 s         1.500  \u2265 1.5       met\n"
+           "gt      3 s    cp    2 s         1.500  ratio > 1x  met\n"
+           "ule     3 s    cp    2 s         1.500  \u2264 1.4       missed\n"
+           "word    3 s    cp    2 s         1.500  fast\nsoon    3 s    cp    2 s         1.500  <= soon\n"
+           "solo    9      -     -           -      <= 2\n",
+       "running a_bench\n  warming up\n  BENCH\tbad\n  BENCH\t\t1\ts\tp\t1\t1\t<2\nrunning b_bench\n  BENCH broken\n"
+       "b_bench: exited with status 3, 0 result lines\nrunning d_bench\nd_bench: died of signal 9, 0 result lines\n"},
+      {{"search", "--db", d, "--", "--db"}, 2, "", StartsWith("quorvi-db: malformed search query '--db': ")},
+      {{}, 2, "", usage("no command given", "")},
+      {{"frobnicate"}, 2, "", usage("unknown command 'frobnicate'", "")},
+      {{"--bogus", "stats"}, 2, "", usage("unknown option --bogus", "")},
+      {{"stats", "--bogus"}, 2, "", usage("unknown option --bogus", "stats ")},
+      {{"--limit", "3", "stats"}, 2, "", usage("unknown option --limit for stats", "stats ")},
+      {{"index", "a", "b"}, 2, "", usage("too many operands for index: 'b'", "index ")},
+      {{"swap"}, 2, "", usage("swap needs STAGING", "swap ")},
+      {{"stats", "--db"}, 2, "", usage("--db needs a value (PATH)", "stats ")},
+      {{"stats", "--verbose=yes"}, 2, "", usage("--verbose takes no value", "stats ")},
+      {{"errors", "--limit=0"}, 2, "", usage("--limit needs a whole number from 1, not '0'", "errors ")},
+      {{"errors", "--limit", "5x"}, 2, "", usage("--limit needs a whole number from 1, not '5x'", "errors ")},
+      {{"errors", "--limit="}, 2, "", usage("--limit needs a whole number from 1, not ''", "errors ")},
+      {{"index", "--jobs", "257"}, 2, "", usage("--jobs needs a whole number from 0 to 256, not '257'", "index ")},
+      {{"-h"}, 0, AllOf(StartsWith("Usage: quorvi-db [OPTIONS] COMMAND [ARGS]\n"), HasSubstr("\n  bench  "),
+                        HasSubstr("\n  4  locked file: "), HasSubstr("\n  6  any other failure"))},
+      {{"search", "--help"}, 0, AllOf(StartsWith("Usage: quorvi-db search [OPTIONS] TEXT...\n"),
+                                      HasSubstr("\n  --limit N  "), HasSubstr("\n  --db PATH  "))},
+      {{"swap", d, "--db", other, "-v"}, 0, EndsWith("\n  code_chunks       12\ngeneration: 1\n"),
+       HasSubstr(" info marsk_quorvi.storage.database: swap_index_from: replaced live index from " + d)},
+      {{"swap", d, "--db", other}, 0, EndsWith("\ngeneration: 2\n")},  // info lines only with --verbose
+      {{"clear", "--db", other}, 0, StartsWith("cleared " + other.string() + ":\n  files       11\n  symbols     8\n")},
+      {{"index", repo, "--jobs", "256"}, 0, HasSubstr("16 files walked, 12 indexed, 4 with errors, 6 symbols (ctags ")},
+      {{"generation", "--db", d}, 0, "2\n"},
+      {{"search", "spin_turbine", "--db", d}, 0, "", "no hits for 'spin_turbine'\n"},
+      {{"search", "spin_rotor", "--db", d}, 0, "lib/engine.cpp:1  int spin_rotor(int rpm) {\n"},
+  };
+  for (const auto& c : cases) run(c);
+  EXPECT_FALSE(fs::exists(none));  // commands that only read never create an index
+}
+
+#endif  // QUORVI_DB_EXE
