@@ -167,9 +167,11 @@ void DatabaseImpl::clear_all() {
 
 RowCounts DatabaseImpl::swap_index_from(const std::filesystem::path& staging_path) {
   std::error_code ec;
-  if (!std::filesystem::exists(staging_path, ec)) {
-    throw FileNotFoundError("Staging database not found: " + staging_path.string(), ENOENT);
-  }
+  const bool present = std::filesystem::exists(staging_path, ec);
+  // A path that cannot even be looked at (a folder without search permission)
+  // is not a missing file: the error says what the system said.
+  if (ec) raise_os_error(ec.value(), staging_path);
+  if (!present) throw FileNotFoundError("Staging database not found: " + staging_path.string(), ENOENT, staging_path);
 
   RowCounts row_counts;
   {
