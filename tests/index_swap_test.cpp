@@ -1,536 +1,356 @@
-// Emptying the index for a full rebuild and swapping a staging file in.
+// Emptying the index, swapping a staging file in, and the health figures:
+// statistics, the integrity check and the per-file error rows.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include <atomic>
 #include <fstream>
 #include <functional>
 #include <future>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "marsk_quorvi/storage/database.hpp"
+#include "marsk_quorvi/models/symbol.hpp"
 #include "support/index_rows.hpp"
 #include "support/test_support.hpp"
 
+namespace fs = std::filesystem;
 namespace mq = marsk_quorvi::storage;
 namespace mt = marsk_quorvi::testing;
+using Strings = std::vector<std::string>;
 
 namespace {
 
-using Snapshot = std::map<std::string, std::vector<std::string>>;
-
-class IndexSwap : public mt::TempDirTest {
+class IndexSwap : public mt::IndexTest {
  protected:
   void SetUp() override {
-    TempDirTest::SetUp();
-    db.emplace(path("live/index.db"));
-    db->connect();
-    db->create_schema();
+    IndexTest::SetUp();
+    db = open(path("live/index.db"));
   }
-  void TearDown() override {
-    db.reset();
-    TempDirTest::TearDown();
-  }
-
-  // A complete staging file built by the same schema, then changed by `edit`.
-  std::filesystem::path make_staging(const std::string& name, const mt::Seed& seed,
-                                     const std::function<void(mq::Database&)>& edit = {}) {
+  fs::path staging(const std::string& name, const mt::Seed& seed, const std::function<void(mq::Database&)>& edit = {}) {
     return mt::make_staging_file(path(name), seed, edit);
   }
-
-  Snapshot index_of(const std::filesystem::path& p) {
-    mq::Database other(p);
-    other.connect();
-    auto snap = mt::index_content(mt::snapshot(other));
-    other.close();
-    snap.erase("schema_info");
-    snap.erase("generation");
-    return snap;
-  }
-
-  std::optional<mq::Database> db;
+  std::int64_t scalar(const std::string& sql) { return (*db->fetchone(sql))[0].as_int(); }
+  std::unique_ptr<mt::TestDb> db;
 };
 
-// Drops code_chunks and the triggers that name it: a file from before the
-// chunk text existed.
-void drop_code_chunks(mq::Database& d) {
-  for (const auto& r : d.fetchall("SELECT name FROM sqlite_master WHERE type = 'trigger' AND sql LIKE '%code_chunks%'")) {
-    d.execute("DROP TRIGGER " + r[0].as_text());
-  }
-  d.execute("DROP TABLE code_chunks");
+// Everything but the index rows, the generation and the full-text table.
+mt::State outside_index(mt::State s) {
+  for (const auto& key : mt::kIndexTables) s.erase(key);
+  s.erase("generation");
+  std::erase_if(s, [](const auto& entry) { return entry.first.starts_with("code_chunks"); });
+  return s;
 }
 
-// Renames the last column of `table`, so the staging table lacks a column
-// the live table has. Returns the missing column's name.
-std::string hide_last_column(mq::Database& d, const std::string& table) {
-  const auto cols = d.fetchall("SELECT name FROM pragma_table_info(?)", {table});
-  const std::string last = cols.back()[0].as_text();
-  d.execute("ALTER TABLE " + table + " RENAME COLUMN " + last + " TO " + last + "_gone");
-  return last;
-}
-
-std::vector<std::int64_t> rowids(mq::Database& d) {
-  std::vector<std::int64_t> out;
-  for (const auto& r : d.fetchall("SELECT rowid FROM code_chunks ORDER BY rowid")) out.push_back(r[0].as_int());
+mt::State index_rows(const mt::State& s) {
+  auto out = mt::index_content(s);
+  out.erase("schema_info");
+  out.erase("generation");
   return out;
 }
 
-TEST_F(IndexSwap, SwapReplacesTheIndexTablesAndNothingElse) {
-  mt::seed_index(*db, {.files = 30, .symbols = 90, .edges = 40, .chunk_bytes = 32, .tag = "old"});
-  db->execute("PRAGMA user_version = 5");
-  db->execute("INSERT INTO schema_info (key, value) VALUES ('last_index', 'yesterday')");
-  db->execute(
-      "INSERT INTO pending_references (source_path, source_fqn, target_name, kind) VALUES ('a.py', 'a.f', 'g', 'calls')");
-  db->execute("CREATE TABLE memories (id INTEGER PRIMARY KEY, body TEXT)");
-  db->execute("INSERT INTO memories (body) VALUES ('keep me')");
-  const auto staging = make_staging("staging.db", {.files = 20, .symbols = 50, .edges = 30, .chunk_bytes = 32, .tag = "new"},
-                                    [](mq::Database& s) {
-                                      s.execute("PRAGMA user_version = 41");
-                                      s.execute("INSERT INTO schema_info (key, value) VALUES ('last_index', 'today')");
-                                    });
-  const auto expected_index = index_of(staging);
-  const auto untouched = [&] {
-    return std::vector<std::vector<mq::Row>>{db->fetchall("SELECT * FROM schema_info ORDER BY key"),
-                                             db->fetchall("SELECT * FROM pending_references"),
-                                             db->fetchall("SELECT * FROM memories")};
-  };
-  const auto before = untouched();
-
-  mt::LogCapture log;
-  const auto counts = db->swap_index_from(staging);
-
-  const mq::RowCounts expected{{"components", 1},       {"files", 20},       {"symbols", 50},     {"edges", 30},
-                               {"external_imports", 2}, {"index_errors", 2}, {"code_chunks", 20}};
-  EXPECT_EQ(counts, expected);
-  auto live = mt::index_content(mt::snapshot(*db));
-  EXPECT_EQ(live["generation"], std::vector<std::string>{"6"});
-  live.erase("schema_info");
-  live.erase("generation");
-  EXPECT_EQ(live, expected_index);
-  const auto after = untouched();
-  ASSERT_EQ(after.size(), before.size());
-  for (std::size_t i = 0; i < after.size(); ++i) {
-    ASSERT_EQ(after[i].size(), before[i].size());
-    for (std::size_t j = 0; j < after[i].size(); ++j) EXPECT_EQ(after[i][j].values(), before[i][j].values());
-  }
-  // The re-created full-text table indexes the copied text.
-  EXPECT_EQ((*db->fetchone("SELECT COUNT(*) FROM code_chunks WHERE code_chunks MATCH 'new'"))[0].as_int(), 20);
-  EXPECT_EQ((*db->fetchone("SELECT COUNT(*) FROM code_chunks WHERE code_chunks MATCH 'old'"))[0].as_int(), 0);
-  EXPECT_EQ(mt::attached(*db), std::vector<std::string>{"main"});
-  EXPECT_EQ(log.matching("swap_index_from:"),
-            (std::vector<mt::LogRecord>{
-                {spdlog::level::info,
-                 "swap_index_from: replaced live index from " + staging.string() +
-                     " (rows inserted: {'components': 1, 'files': 20, 'symbols': 50, 'edges': 30, "
-                     "'external_imports': 2, 'index_errors': 2, 'code_chunks': 20})"}}));
-  // The staging file is read, never changed.
-  EXPECT_EQ(index_of(staging), expected_index);
+std::string bytes(const fs::path& p) {
+  std::ifstream in(p, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
 }
 
-struct ChunkCase {
-  const char* name;
-  bool live_has;
-  bool staging_has;
+// A file from before the chunk text existed: no code_chunks and no trigger naming it.
+void drop_code_chunks(mq::Database& d) {
+  d.execute("DROP TRIGGER files_delete_code_chunks");
+  d.execute("DROP TABLE code_chunks");
+}
+
+// What the writer connection's hooks saw: `look` runs inside the swap's
+// transaction once it has written, and after every commit.
+struct Hooks {
+  sqlite3* handle;
+  std::function<void()> look;
+  std::int64_t changes = sqlite3_total_changes64(handle);
+  bool looked_inside = false;
+
+  static int progress(void* self_ptr) {
+    auto* self = static_cast<Hooks*>(self_ptr);
+    if (!self->looked_inside && !sqlite3_get_autocommit(self->handle) &&
+        sqlite3_total_changes64(self->handle) > self->changes) {
+      self->looked_inside = true;
+      self->look();
+    }
+    return 0;
+  }
+  static int committed(void* self_ptr, sqlite3*, const char*, int) {
+    static_cast<Hooks*>(self_ptr)->look();
+    return SQLITE_OK;
+  }
 };
 
-TEST_F(IndexSwap, CodeChunksFollowWhatEachFileHas) {
-  const ChunkCase cases[] = {
-      {"live without, staging with", false, true},
-      {"live with, staging without", true, false},
-      {"both with", true, true},
-      {"neither", false, false},
+TEST_F(IndexSwap, SwapReplacesTheIndexTablesAtOnceAndGivesTheFreedPagesBack) {
+  mt::seed_index(*db, {.files = 3000, .symbols = 90, .edges = 40, .chunk_bytes = 3000, .tag = "old"});
+  db->execute("PRAGMA user_version = 5");
+  db->execute("INSERT INTO schema_info (key, value) VALUES ('last_index', 'yesterday')");
+  db->execute("INSERT INTO pending_references (source_path, source_fqn, target_name, kind) VALUES ('a', 'a.f', 'g', 'c')");
+  db->execute("CREATE TABLE memories (body TEXT)");
+  db->execute("INSERT INTO memories (body) VALUES ('keep me')");
+  const auto file = staging("staging.db", {.files = 20, .symbols = 50, .edges = 30, .chunk_bytes = 32, .tag = "new"},
+                            [](mq::Database& s) {
+                              s.execute("PRAGMA user_version = 41");
+                              s.execute("INSERT INTO schema_info (key, value) VALUES ('last_index', 'today')");
+                            });
+  const auto staged = bytes(file);
+  const auto before = mt::snapshot(*db);
+  const auto pages_before = scalar("PRAGMA page_count");
+  // Another thread reads the generation and the rows in one statement,
+  // halfway through the swap's transaction and after each commit.
+  Strings seen;
+  const auto read = [&] {
+    return (*db->fetchone("SELECT (SELECT user_version FROM pragma_user_version) || '|' || "
+                          "(SELECT COUNT(*) FROM files) || '|' || (SELECT COUNT(*) FROM symbols)"))[0]
+        .as_text();
   };
-  int n = 0;
+  Hooks hooks{db->connection()->handle(), [&] {
+                const auto now = std::async(std::launch::async, read).get();
+                if (seen.empty() || seen.back() != now) seen.push_back(now);
+              }};
+  sqlite3_progress_handler(hooks.handle, 100, &Hooks::progress, &hooks);
+  sqlite3_wal_hook(hooks.handle, &Hooks::committed, &hooks);
+  mt::LogCapture log;
+
+  const auto counts = db->swap_index_from(file);
+
+  sqlite3_progress_handler(hooks.handle, 0, nullptr, nullptr);
+  sqlite3_wal_autocheckpoint(hooks.handle, 1000);
+  EXPECT_EQ(counts, (mq::RowCounts{{"components", 1}, {"files", 20}, {"symbols", 50}, {"edges", 30},
+                                   {"external_imports", 2}, {"index_errors", 2}, {"code_chunks", 20}}));
+  EXPECT_EQ(seen, (Strings{"5|3000|90", "6|20|50"}));
+  const auto after = mt::snapshot(*db);
+  EXPECT_EQ(index_rows(after), index_rows(mt::snapshot(file)));
+  EXPECT_EQ(after.at("generation"), Strings{"6"});
+  EXPECT_EQ(outside_index(after), outside_index(before));
+  EXPECT_EQ(bytes(file), staged);
+  // The re-created full-text table indexes the copied text.
+  EXPECT_EQ(scalar("SELECT COUNT(*) FROM code_chunks WHERE code_chunks MATCH 'new'"), 20);
+  EXPECT_EQ(scalar("SELECT COUNT(*) FROM code_chunks WHERE code_chunks MATCH 'old'"), 0);
+  EXPECT_EQ(mt::attached(*db), Strings{"main"});
+  const auto records = log.records();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0], (mt::LogRecord{spdlog::level::info,
+                                       "swap_index_from: replaced live index from " + file.string() +
+                                           " (rows inserted: {'components': 1, 'files': 20, 'symbols': 50, "
+                                           "'edges': 30, 'external_imports': 2, 'index_errors': 2, "
+                                           "'code_chunks': 20})"}));
+  EXPECT_TRUE(records[1].text.starts_with("Compacted " + db->db_path.string() + ": ")) << records[1].text;
+  EXPECT_LT(scalar("PRAGMA page_count"), pages_before / 2);
+  EXPECT_EQ(mt::PeerProcess::run({"generation", db->db_path.string()}).output, "6\n");
+}
+
+TEST_F(IndexSwap, CodeChunksFollowWhatEachFileHasAndExtraStagingColumnsAreLeftOut) {
+  const struct {
+    const char* name;
+    bool live_has, staging_has;
+  } cases[] = {{"live without, staging with", false, true},
+               {"live with, staging without", true, false},
+               {"both with", true, true},
+               {"neither", false, false}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    db.emplace(path("live-" + std::to_string(n) + ".db"));
-    db->connect();
-    db->create_schema();
+    db = open(std::string(c.name) + ".db");
     mt::seed_index(*db, {.files = 6, .symbols = 12, .edges = 4, .chunk_bytes = 16, .tag = "old"});
     if (!c.live_has) drop_code_chunks(*db);
-    const auto staging =
-        make_staging("staging-" + std::to_string(n++) + ".db", {.files = 9, .symbols = 9, .edges = 3, .chunk_bytes = 16},
-                     [&](mq::Database& s) {
-                       // Sparse rowids: the copy must keep them, not renumber.
-                       s.execute("UPDATE code_chunks SET rowid = rowid + 7");
-                       if (!c.staging_has) drop_code_chunks(s);
-                     });
+    const auto file = staging(std::string(c.name) + "-staging.db", {.files = 9, .symbols = 9, .chunk_bytes = 16},
+                              [&](mq::Database& s) {
+                                s.execute("UPDATE code_chunks SET rowid = rowid + 7");  // kept, never renumbered
+                                s.execute("ALTER TABLE symbols ADD COLUMN note TEXT");
+                                s.execute("UPDATE symbols SET note = 'staging only'");
+                                if (!c.staging_has) drop_code_chunks(s);
+                              });
 
-    const auto counts = db->swap_index_from(staging);
+    const auto counts = db->swap_index_from(file);
 
     const bool copied = c.live_has && c.staging_has;
-    EXPECT_EQ(counts.contains("code_chunks"), copied);
+    EXPECT_EQ(counts.size(), copied ? 7u : 6u);
     EXPECT_EQ(std::prev(counts.end())->first, copied ? "code_chunks" : "index_errors");
+    EXPECT_EQ(counts.at("symbols"), 9);
     EXPECT_EQ(mt::has_table(*db, "code_chunks"), c.live_has);
-    if (copied) {
-      EXPECT_EQ(counts.at("code_chunks"), 9);
-      std::vector<std::int64_t> expected;
-      for (std::int64_t id = 1; id <= 9; ++id) expected.push_back((id << 20) + 7);
-      EXPECT_EQ(rowids(*db), expected);
-    } else if (c.live_has) {
-      EXPECT_EQ(mt::count_rows(*db, "code_chunks"), 0);
-    }
-    EXPECT_EQ(mt::count_rows(*db, "files"), 9);
+    if (c.live_has) EXPECT_EQ(scalar("SELECT count(*) FROM code_chunks"), copied ? 9 : 0);
+    if (copied) EXPECT_EQ(scalar("SELECT sum(rowid) FROM code_chunks"), (45 << 20) + 9 * 7);  // files 1 to 9
     EXPECT_EQ(db->index_generation(), 1);
-    // The file trigger works on the re-created table: a deleted file takes
-    // its chunks with it, and deleting is possible at all.
+    // The file trigger works on the re-created table, and deleting is possible at all.
     db->execute("DELETE FROM files WHERE id = 4");
     if (c.live_has) EXPECT_EQ(mt::count_rows(*db, "code_chunks"), copied ? 8 : 0);
   }
 }
 
-TEST_F(IndexSwap, EmptyStagingEmptiesTheIndexAndExtraStagingColumnsAreIgnored) {
-  mt::seed_index(*db, {.files = 10, .symbols = 20, .edges = 10, .chunk_bytes = 16});
-  const auto live_columns = db->fetchall("SELECT name FROM pragma_table_info('symbols')").size();
-  const auto staging = make_staging("empty.db", {}, [](mq::Database& s) {
-    s.execute("DELETE FROM components");
-    s.execute("ALTER TABLE symbols ADD COLUMN staging_note TEXT");
-  });
-
-  const auto counts = db->swap_index_from(staging);
-
-  const mq::RowCounts expected{{"components", 0},       {"files", 0},        {"symbols", 0},     {"edges", 0},
-                               {"external_imports", 0}, {"index_errors", 0}, {"code_chunks", 0}};
-  EXPECT_EQ(counts, expected);
-  for (const auto& table : mt::kIndexTables) EXPECT_EQ(mt::count_rows(*db, table), 0) << table;
-  EXPECT_EQ(mt::count_rows(*db, "code_chunks"), 0);
-  EXPECT_EQ(db->fetchall("SELECT name FROM pragma_table_info('symbols')").size(), live_columns);
-
-  // Extra columns with data in them are not copied either.
-  const auto wide = make_staging("wide.db", {.files = 3, .symbols = 6}, [](mq::Database& s) {
-    s.execute("ALTER TABLE symbols ADD COLUMN staging_note TEXT");
-    s.execute("UPDATE symbols SET staging_note = 'note'");
-  });
-  EXPECT_EQ(db->swap_index_from(wide).at("symbols"), 6);
-  EXPECT_EQ(mt::count_rows(*db, "symbols"), 6);
-  EXPECT_EQ(db->index_generation(), 2);
-}
-
-struct Defect {
-  const char* name;
-  std::function<std::filesystem::path()> staging;
-  std::string message;  // empty: the missing column's name decides it
-};
-
-using FailedSwap = IndexSwap;
-
-TEST_F(FailedSwap, LeavesTheLiveIndexExactlyAsItWas) {
-  std::string missing;
-  const Defect defects[] = {
-      {"symbols lacks a live column",
-       [&] {
-         return make_staging("no-col.db", {.files = 5, .symbols = 5},
-                             [&](mq::Database& s) { missing = hide_last_column(s, "symbols"); });
-       },
-       ""},
-      {"index_errors lacks a live column, after five tables were copied",
-       [&] {
-         return make_staging("no-err-col.db", {.files = 20, .symbols = 5},
-                             [&](mq::Database& s) { missing = hide_last_column(s, "index_errors"); });
-       },
-       ""},
+// Missing columns, non-databases and directories are the reliability suite's
+// (bad staging files); here the failures that come late in the transaction.
+TEST_F(IndexSwap, FailedSwapLeavesTheLiveIndexExactlyAsItWas) {
+  const struct {
+    const char* name;
+    std::function<fs::path()> staging;
+    std::string message;
+    const char* live_trigger = nullptr;
+  } cases[] = {
+      {"missing", [&] { return path("nowhere/staging.db"); },
+       "Staging database not found: " + path("nowhere/staging.db").string()},
       {"code_chunks lacks a column, after every table was copied",
        [&] {
-         return make_staging("no-chunk-col.db", {.files = 5, .symbols = 5}, [](mq::Database& s) {
+         return staging("c.db", {.files = 5}, [](mq::Database& s) {
            drop_code_chunks(s);
            s.execute("CREATE VIRTUAL TABLE code_chunks USING fts5(text, start_line, end_line)");
          });
        },
        "no such column: exact"},
-      {"the staging file is not a database",
-       [&] {
-         const auto p = path("garbage.db");
-         std::ofstream(p) << std::string(8192, 'x');
-         return p;
-       },
-       "file is not a database"},
+      {"a live write fails after code_chunks was re-created and filled",
+       [&] { return staging("w.db", {.files = 20, .chunk_bytes = 8}); }, "error rows are frozen",
+       "CREATE TRIGGER refuse BEFORE INSERT ON index_errors BEGIN SELECT RAISE(ABORT, 'error rows are frozen'); END"},
   };
   mt::seed_index(*db, {.files = 12, .symbols = 40, .edges = 20, .chunk_bytes = 24, .tag = "old"});
   db->execute("PRAGMA user_version = 3");
-  const auto good = make_staging("good.db", {.files = 2, .symbols = 2});
-
-  for (const auto& d : defects) {
-    SCOPED_TRACE(d.name);
-    missing.clear();
-    const auto staging = d.staging();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto file = c.staging();
+    if (c.live_trigger) db->execute(c.live_trigger);
     const auto before = mt::snapshot(*db);
+    const auto staged = bytes(file);
     mt::LogCapture log;
-
     try {
-      db->swap_index_from(staging);
+      db->swap_index_from(file);
       ADD_FAILURE() << "the swap succeeded";
+    } catch (const marsk_quorvi::FileNotFoundError& e) {
+      EXPECT_EQ(e.what(), c.message);
+      EXPECT_EQ(e.error_number(), ENOENT);
     } catch (const mq::Error& e) {
-      EXPECT_EQ(e.what(), d.message.empty() ? "no such column: " + missing : d.message);
+      EXPECT_EQ(e.what(), c.message);
     }
-
     EXPECT_EQ(mt::snapshot(*db), before);
-    EXPECT_EQ(mt::attached(*db), std::vector<std::string>{"main"});
-    EXPECT_TRUE(log.matching("swap_index_from:").empty());
+    EXPECT_EQ(bytes(file), staged);
+    EXPECT_EQ(mt::attached(*db), Strings{"main"});
+    EXPECT_TRUE(log.records().empty());
     // The lock is free again: another thread writes at once.
-    std::async(std::launch::async, [&] { db->record_error("probe.py", "io_error"); }).get();
-    db->clear_file_errors("probe.py");
+    std::async(std::launch::async, [&] { db->execute("DROP TRIGGER IF EXISTS refuse"); }).get();
   }
-  // And the handle still swaps.
-  EXPECT_EQ(db->swap_index_from(good).at("files"), 2);
+  EXPECT_EQ(db->swap_index_from(staging("good.db", {.files = 2})).at("files"), 2);
   EXPECT_EQ(db->index_generation(), 4);
 }
 
-TEST_F(FailedSwap, AFailingLiveWriteRollsBackTheDeletionsAndTheDroppedChunks) {
-  mt::seed_index(*db, {.files = 8, .symbols = 16, .edges = 8, .chunk_bytes = 24, .tag = "old"});
-  const auto staging = make_staging("staging.db", {.files = 20, .symbols = 20, .chunk_bytes = 8});
-  // Fails on the last copy, when code_chunks has been re-created and every
-  // other table already holds the staging rows.
-  db->execute(
-      "CREATE TRIGGER refuse_errors BEFORE INSERT ON index_errors "
-      "BEGIN SELECT RAISE(ABORT, 'error rows are frozen'); END");
-  const auto before = mt::snapshot(*db);
-
-  try {
-    db->swap_index_from(staging);
-    FAIL() << "the swap succeeded";
-  } catch (const mq::Error& e) {
-    EXPECT_STREQ(e.what(), "error rows are frozen");
-  }
-  EXPECT_EQ(mt::snapshot(*db), before);
-  EXPECT_EQ(mt::attached(*db), std::vector<std::string>{"main"});
-  EXPECT_EQ((*db->fetchone("SELECT COUNT(*) FROM code_chunks WHERE code_chunks MATCH 'old'"))[0].as_int(), 8);
-}
-
-TEST_F(IndexSwap, RefusedSwapsTouchNothing) {
-  mt::seed_index(*db, {.files = 4, .symbols = 4});
-  const auto before = mt::snapshot(*db);
-
-  const auto missing = path("nowhere/staging.db");
-  try {
-    db->swap_index_from(missing);
-    FAIL() << "a missing staging file was accepted";
-  } catch (const marsk_quorvi::FileNotFoundError& e) {
-    EXPECT_EQ(e.what(), "Staging database not found: " + missing.string());
-    EXPECT_EQ(e.error_number(), ENOENT);
-  }
-
-  // A path that exists but cannot be attached: nothing was attached, so
-  // nothing is detached, and the lock is released.
-  std::filesystem::create_directories(path("a-directory"));
-  EXPECT_THROW(db->swap_index_from(path("a-directory")), mq::OperationalError);
-
-  EXPECT_EQ(mt::snapshot(*db), before);
-  EXPECT_EQ(mt::attached(*db), std::vector<std::string>{"main"});
-  std::async(std::launch::async, [&] { db->record_error("probe.py", "io_error"); }).get();
-
-  db->close();
-  const auto staging = make_staging("staging.db", {.files = 1, .symbols = 1});
-  try {
-    db->swap_index_from(staging);
-    FAIL() << "swap on a closed database";
-  } catch (const marsk_quorvi::RuntimeError& e) {
-    EXPECT_STREQ(e.what(), "Database is closed.");
-  }
-  mq::Database fresh(path("unconnected.db"));
-  try {
-    fresh.swap_index_from(staging);
-    FAIL() << "swap before connect";
-  } catch (const marsk_quorvi::RuntimeError& e) {
-    EXPECT_STREQ(e.what(), "Database not connected. Call connect() first.");
-  }
-}
-
-TEST_F(IndexSwap, ClearAllEmptiesTheIndexTablesAndLogsWhatItRemoved) {
-  // An empty index still logs, with every count 0, in deletion order.
-  {
-    mt::LogCapture log;
-    db->clear_all();
-    EXPECT_EQ(log.records(), (std::vector<mt::LogRecord>{
-                                 {spdlog::level::info,
-                                  "clear_all: cleared all index data (rows removed: {'edges': 0, 'external_imports': 0, "
-                                  "'symbols': 0, 'files': 0, 'components': 0, 'index_errors': 0})"}}));
-  }
-
+TEST_F(IndexSwap, ClearAllEmptiesTheIndexTablesAsAWholeAndJoinsTheCallersTransaction) {
   mt::seed_index(*db, {.files = 30, .symbols = 90, .edges = 40, .chunk_bytes = 32});
   db->execute("PRAGMA user_version = 7");
-  db->execute("INSERT INTO schema_info (key, value) VALUES ('last_index', 'yesterday')");
-  const auto info = mt::snapshot(*db)["schema_info"];
-  mt::LogCapture log;
-  db->clear_all();
-
-  EXPECT_EQ(log.matching("clear_all:"),
-            (std::vector<mt::LogRecord>{
-                {spdlog::level::info,
-                 "clear_all: cleared all index data (rows removed: {'edges': 40, 'external_imports': 3, "
-                 "'symbols': 90, 'files': 30, 'components': 1, 'index_errors': 3})"}}));
-  for (const auto& table : mt::kIndexTables) EXPECT_EQ(mt::count_rows(*db, table), 0) << table;
-  ASSERT_TRUE(mt::has_table(*db, "code_chunks"));
-  EXPECT_EQ(mt::count_rows(*db, "code_chunks"), 0);
-  // Neither the generation nor the other tables change, and nothing compacts.
-  EXPECT_EQ(db->index_generation(), 7);
-  EXPECT_EQ(mt::snapshot(*db)["schema_info"], info);
-  EXPECT_TRUE(log.matching("Compact").empty());
-
-  // A live file without code_chunks stays without it.
-  mt::seed_index(*db, {.files = 3, .symbols = 3});
-  drop_code_chunks(*db);
-  db->clear_all();
-  EXPECT_FALSE(mt::has_table(*db, "code_chunks"));
-  EXPECT_EQ(mt::count_rows(*db, "files"), 0);
-}
-
-TEST_F(IndexSwap, ClearAllRollsBackAsAWholeAndJoinsTheCallersTransaction) {
-  mt::seed_index(*db, {.files = 10, .symbols = 10, .edges = 5, .chunk_bytes = 16});
-  const auto before = mt::index_content(mt::snapshot(*db));
-
-  // Fails at the fifth deletion, after code_chunks was dropped and edges,
-  // imports, symbols and files were deleted.
   db->execute("CREATE TRIGGER pin BEFORE DELETE ON components BEGIN SELECT RAISE(ABORT, 'components are pinned'); END");
-  {
-    mt::LogCapture log;
-    try {
-      db->clear_all();
-      FAIL() << "clear_all succeeded";
-    } catch (const mq::Error& e) {
-      EXPECT_STREQ(e.what(), "components are pinned");
-    }
-    EXPECT_TRUE(log.records().empty());
+  auto before = mt::snapshot(*db);
+  mt::LogCapture log;
+  // Fails at the fifth deletion, after code_chunks was re-created and four tables emptied.
+  try {
+    db->clear_all();
+    ADD_FAILURE() << "clear_all succeeded";
+  } catch (const mq::Error& e) {
+    EXPECT_STREQ(e.what(), "components are pinned");
   }
-  EXPECT_EQ(mt::index_content(mt::snapshot(*db)), before);
+  EXPECT_EQ(mt::snapshot(*db), before);
   db->execute("DROP TRIGGER pin");
-
-  // Nested in a caller's transaction, the deletions go with it.
+  before = mt::snapshot(*db);
+  // Inside a caller's transaction the deletions go with it.
   EXPECT_THROW(db->transaction([&](mq::Cursor&) {
     db->clear_all();
     EXPECT_EQ(mt::count_rows(*db, "files"), 0);
     throw std::runtime_error("the pass was cancelled");
   }),
                std::runtime_error);
-  EXPECT_EQ(mt::index_content(mt::snapshot(*db)), before);
+  EXPECT_EQ(mt::snapshot(*db), before);
+  log.clear();
+
+  db->clear_all();
+  EXPECT_EQ(log.records(), (std::vector<mt::LogRecord>{
+                               {spdlog::level::info,
+                                "clear_all: cleared all index data (rows removed: {'edges': 40, "
+                                "'external_imports': 3, 'symbols': 90, 'files': 30, 'components': 1, "
+                                "'index_errors': 3})"}}));
+  for (const auto& table : mt::kIndexTables) EXPECT_EQ(mt::count_rows(*db, table), 0) << table;
+  EXPECT_EQ(mt::count_rows(*db, "code_chunks"), 0);
+  EXPECT_EQ(outside_index(mt::snapshot(*db)), outside_index(before));
+  EXPECT_EQ(db->index_generation(), 7);
+  // A live file without code_chunks stays without.
+  mt::seed_index(*db, {.files = 3});
+  drop_code_chunks(*db);
+  db->clear_all();
+  EXPECT_FALSE(mt::has_table(*db, "code_chunks"));
+  EXPECT_EQ(mt::count_rows(*db, "files"), 0);
 }
 
-// Calls `probe` once on the writer connection's thread, from inside the
-// swap's open transaction after its first write, while the swap waits.
-class MidTransactionProbe {
- public:
-  MidTransactionProbe(mq::Database& d, std::function<void()> probe)
-      : handle_(d.connection()->handle()), probe_(std::move(probe)), baseline_(sqlite3_total_changes64(handle_)) {
-    sqlite3_progress_handler(handle_, 200, &MidTransactionProbe::tick, this);
+TEST_F(IndexSwap, StatsCountListedSymbolsAndErrorRowsTheErrorCountCountsFiles) {
+  EXPECT_EQ(db->get_stats(), (mq::RowCounts{{"files", 0}, {"symbols", 0}, {"edges", 0}, {"components", 0}, {"errors", 0}}));
+  mt::seed_index(*db, {.files = 10, .symbols = 20, .edges = 5});
+  // Per-file anchors are not listed; a module declared inside a file is.
+  db->execute("INSERT INTO symbols (id, file_id, name, fqn, kind) SELECT 100 + id, id, 'm', 'm', 'module' FROM files");
+  db->execute("INSERT INTO symbols (id, file_id, name, fqn, kind, parent_id) VALUES (200, 2, 'in', 'm.in', 'module', 102)");
+  db->record_error("a.py", "parse_error", "unexpected token", 3);
+  db->record_error("a.py", mq::FQN_COLLISION_ERROR);
+  db->record_error("b.py", mq::PARTIAL_PARSE_ERROR, "cut short");
+  EXPECT_THROW(db->transaction([&](mq::Cursor&) {
+    db->clear_file_errors("a.py");
+    db->record_error("c.py", "io_error");
+    db->record_error("d.py", "io_error");
+    // The owner sees its own rows; another thread sees what is committed, without waiting.
+    EXPECT_EQ(db->get_error_count(), 4);
+    EXPECT_EQ(std::async(std::launch::async, [&] { return db->get_error_count(); }).get(), 3);
+    throw std::runtime_error("the pass was cancelled");
+  }),
+               std::runtime_error);
+  EXPECT_EQ(db->get_stats(), (mq::RowCounts{{"files", 10}, {"symbols", 21}, {"edges", 5}, {"components", 1}, {"errors", 4}}));
+  EXPECT_EQ(db->get_error_count(), 3);
+  // Omitted message and line are stored as null, never as empty text or 0.
+  Strings rows;
+  for (const auto& r : db->fetchall("SELECT file_path, error_type, message, line FROM index_errors ORDER BY rowid")) {
+    rows.push_back(r[0].to_text() + "|" + r[1].to_text() + "|" + r[2].to_text() + "|" + r[3].to_text());
   }
-  ~MidTransactionProbe() { sqlite3_progress_handler(handle_, 0, nullptr, nullptr); }
-  bool fired() const { return fired_; }
-
- private:
-  static int tick(void* self_ptr) {
-    auto* self = static_cast<MidTransactionProbe*>(self_ptr);
-    if (!self->fired_ && !sqlite3_get_autocommit(self->handle_) && sqlite3_total_changes64(self->handle_) > self->baseline_) {
-      self->fired_ = true;
-      self->probe_();
-    }
-    return 0;
+  EXPECT_EQ(rows, (Strings{"src-a/f10.py|parse_error|bad|1", "a.py|parse_error|unexpected token|3",
+                           "a.py|fqn_collision|NULL|NULL", "b.py|partial_parse|cut short|NULL"}));
+  // The condition stays one expression after AND.
+  EXPECT_EQ(scalar("SELECT COUNT(*) FROM symbols WHERE file_id = 3 AND " + marsk_quorvi::models::listed_sql()), 2);
+  db->execute("DROP TABLE edges");
+  try {
+    db->get_stats();
+    ADD_FAILURE() << "figures without the edges table";
+  } catch (const mq::OperationalError& e) {
+    EXPECT_STREQ(e.what(), "no such table: edges");
   }
-  sqlite3* handle_;
-  std::function<void()> probe_;
-  std::int64_t baseline_;
-  bool fired_ = false;
-};
+}
 
-TEST_F(IndexSwap, ReadersAndOtherProcessesSeeTheOldIndexOrTheNewNeverAMix) {
-  mt::seed_index(*db, {.files = 2000, .symbols = 6000, .edges = 3000, .chunk_bytes = 64, .tag = "old"});
-  const auto staging =
-      make_staging("large.db", {.files = 10000, .symbols = 50000, .edges = 25000, .chunk_bytes = 200, .tag = "new"});
-  const std::string figures =
-      "SELECT (SELECT user_version FROM pragma_user_version), (SELECT COUNT(*) FROM files), "
-      "(SELECT COUNT(*) FROM symbols)";
-  const std::string old_figures = "0|2000|6000";
-  const std::string new_figures = "1|10000|50000";
-  auto read = [&] {
-    auto r = *db->fetchone(figures);
-    return r[0].to_text() + "|" + r[1].to_text() + "|" + r[2].to_text();
+TEST_F(IndexSwap, ClearFileErrorsRemovesOnlyTheNamedRows) {
+  const struct {
+    const char* name;
+    std::optional<std::string> error_type;
+    Strings remaining;
+  } cases[] = {
+      {"every row of the file", std::nullopt, {"b.py|parse_error"}},
+      {"one kind of the file", "parse_error", {"a.py|io_error", "a.py|", "b.py|parse_error"}},
+      {"empty kind is a kind, not 'all'", "", {"a.py|parse_error", "a.py|io_error", "a.py|parse_error", "b.py|parse_error"}},
+      {"a kind the file does not have", "fqn_collision",
+       {"a.py|parse_error", "a.py|io_error", "a.py|parse_error", "a.py|", "b.py|parse_error"}},
   };
-
-  std::atomic<bool> stop{false};
-  std::vector<std::future<std::vector<std::string>>> readers;
-  for (int i = 0; i < 3; ++i) {
-    readers.push_back(std::async(std::launch::async, [&] {
-      std::vector<std::string> seen;
-      while (!stop.load()) {
-        const auto now = read();
-        if (seen.empty() || seen.back() != now) seen.push_back(now);
-      }
-      if (const auto last = read(); seen.empty() || seen.back() != last) seen.push_back(last);
-      return seen;
-    }));
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    db->execute("DELETE FROM index_errors");
+    for (const char* kind : {"parse_error", "io_error", "parse_error", ""}) db->record_error("a.py", kind);
+    db->record_error("b.py", "parse_error");
+    db->clear_file_errors("a.py", c.error_type);
+    Strings remaining;
+    for (const auto& r : db->fetchall("SELECT file_path || '|' || error_type FROM index_errors ORDER BY rowid")) {
+      remaining.push_back(r[0].as_text());
+    }
+    EXPECT_EQ(remaining, c.remaining);
   }
-
-  // Another process, connected before the swap, reads over and over until it
-  // sees the new figures; its first line is what it saw before the swap.
-  mt::PeerProcess watcher({"watch", db->db_path.string(), figures, new_figures});
-  EXPECT_EQ(watcher.read_line(), old_figures);
-
-  std::string thread_mid;
-  {
-    // Halfway through the swap's transaction a reader thread answers at once,
-    // from the old index.
-    MidTransactionProbe probe(*db, [&] { thread_mid = std::async(std::launch::async, read).get(); });
-    db->swap_index_from(staging);
-    EXPECT_TRUE(probe.fired());
-  }
-  EXPECT_EQ(read(), new_figures);
-  stop = true;
-
-  EXPECT_EQ(thread_mid, old_figures);
-  // The other process went from the old generation and rows straight to the
-  // new ones together.
-  EXPECT_EQ(watcher.read_rest(), std::vector<std::string>{new_figures});
-  EXPECT_EQ(watcher.wait(), 0);
-  for (auto& r : readers) {
-    const auto seen = r.get();
-    // Either only the new figures (the reader started late), or the old ones
-    // followed by the new: never a third combination, never back.
-    ASSERT_FALSE(seen.empty());
-    EXPECT_EQ(seen.back(), new_figures);
-    if (seen.size() == 2) EXPECT_EQ(seen.front(), old_figures);
-    EXPECT_LE(seen.size(), 2u) << ::testing::PrintToString(seen);
-  }
-  const auto generation = mt::PeerProcess::run({"generation", db->db_path.string()});
-  EXPECT_EQ(generation.status, 0);
-  EXPECT_EQ(generation.output, "1\n");
-  EXPECT_EQ(mt::PeerProcess::run({"query", db->db_path.string(), figures}).output, new_figures + "\n");
 }
 
-TEST_F(IndexSwap, FreedPagesAreGivenBackAfterTheSwapExceptOnTheEventLoop) {
-  auto freelist = [&] { return (*db->connection()->execute("PRAGMA freelist_count").fetchone())[0].as_int(); };
-  auto pages = [&] { return (*db->connection()->execute("PRAGMA page_count").fetchone())[0].as_int(); };
-  const auto small = make_staging("small.db", {.files = 10, .symbols = 10, .chunk_bytes = 16});
-
-  for (const bool on_loop : {false, true}) {
-    SCOPED_TRACE(on_loop ? "on the event loop" : "on a pool thread");
-    db->execute("PRAGMA user_version = 0");
-    db->clear_all();
-    mt::seed_index(*db, {.files = 3000, .symbols = 3000, .chunk_bytes = 3000, .tag = "big"});
-    const auto pages_before = pages();
-    mt::LogCapture log;
-    if (on_loop) {
-      mq::EventLoopThread loop;
-      db->swap_index_from(small);
-    } else {
-      db->swap_index_from(small);
-    }
-    if (on_loop) {
-      EXPECT_GE(freelist(), mq::COMPACT_MIN_FREE_PAGES);
-      EXPECT_EQ(log.matching("skipped").size(), 1u);
-      EXPECT_EQ(log.matching("Compaction of " + db->db_path.string() +
-                             " skipped: called on the event loop: a pool thread compacts")
-                    .size(),
-                1u);
-    } else {
-      EXPECT_LT(freelist(), mq::COMPACT_MIN_FREE_PAGES);
-      EXPECT_LT(pages(), pages_before / 2);
-      EXPECT_EQ(log.matching("Compacted " + db->db_path.string() + ": ").size(), 1u);
-    }
-    // The log line of the swap comes before the compaction's.
-    ASSERT_FALSE(log.records().empty());
-    EXPECT_EQ(log.records().front().text.rfind("swap_index_from:", 0), 0u);
-  }
+TEST_F(IndexSwap, IntegrityCheckPassesAHealthyFileAndFailsADamagedOne) {
+  mt::seed_index(*db, {.files = 50, .symbols = 200, .edges = 100, .chunk_bytes = 64});
+  EXPECT_TRUE(db->check_integrity());
+  // An index whose recorded definition no longer matches what is stored in it.
+  mq::Connection::open(path("damaged.db").string())
+      ->executescript(
+          "CREATE TABLE t (a INTEGER, b INTEGER); CREATE INDEX t_a ON t (a); INSERT INTO t VALUES (1, 100), (2, 200);"
+          "PRAGMA writable_schema = ON; UPDATE sqlite_master SET sql = 'CREATE INDEX t_a ON t (b)' WHERE name = 't_a';");
+  mq::Database damaged(path("damaged.db"));
+  damaged.connect();
+  EXPECT_FALSE(damaged.check_integrity());
 }
 
 }  // namespace

@@ -1,11 +1,10 @@
-// Rows of a code index for tests: a small hand-made index, a bulk seed built
-// by SQL alone, and a snapshot of every table a full rebuild may touch.
+// Rows of a code index for tests: a bulk seed built by SQL alone, a staging
+// file made from one, and small probes of a database's tables.
 #pragma once
 
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -24,42 +23,6 @@ namespace st = marsk_quorvi::storage;
 // The tables a clear or a swap replaces.
 inline const std::vector<std::string> kIndexTables = {"components", "files",           "symbols",
                                                       "edges",      "external_imports", "index_errors"};
-
-inline void add_component(st::Database& db, std::int64_t id, const std::string& name) {
-  db.execute("INSERT INTO components (id, name) VALUES (?, ?)", {id, name});
-}
-
-inline void add_file(st::Database& db, std::int64_t id, const std::string& path, const std::string& language = "py") {
-  db.execute("INSERT INTO files (id, path, language, content_hash, size, mtime) VALUES (?, ?, ?, 'h', 1, 0)",
-             {id, path, language});
-}
-
-// A symbol that users see.
-inline void add_symbol(st::Database& db, std::int64_t id, std::int64_t file_id, const std::string& name,
-                       const std::string& kind = "function") {
-  db.execute("INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line) VALUES (?, ?, ?, ?, ?, 1, 2)",
-             {id, file_id, name, "m." + name, kind});
-}
-
-// The per-file top-level anchor the indexer keeps; never listed.
-inline void add_anchor(st::Database& db, std::int64_t id, std::int64_t file_id, const std::string& name) {
-  db.execute("INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line) VALUES (?, ?, ?, ?, 'module', 1, 1)",
-             {id, file_id, name, name});
-}
-
-inline void add_edge(st::Database& db, std::int64_t source, std::int64_t target, const std::string& kind = "calls") {
-  db.execute("INSERT INTO edges (source_id, target_id, kind) VALUES (?, ?, ?)", {source, target, kind});
-}
-
-inline void add_external_import(st::Database& db, std::int64_t file_id, const std::string& module) {
-  db.execute("INSERT INTO external_imports (file_id, module) VALUES (?, ?)", {file_id, module});
-}
-
-// A chunk of file text under the rowid that ties it to its file.
-inline void add_chunk(st::Database& db, std::int64_t file_id, std::int64_t number, const std::string& text) {
-  db.execute("INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (?, ?, 1, 9, 1)",
-             {(file_id << 20) + number, text});
-}
 
 // A bulk index made by SQL alone: `files` files in one component, `symbols`
 // symbols spread over them, `edges` edges between consecutive symbols, one
