@@ -39,36 +39,30 @@ struct Seed {
 
 inline void seed_index(st::Database& db, const Seed& s) {
   db.transaction([&](st::Cursor& c) {
+    // Runs `insert` over n(i) for i from 1 to `count`.
+    const auto numbered = [&](std::int64_t count, const std::string& insert, st::Params params) {
+      params.insert(params.begin(), count);
+      c.execute("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < ?) " + insert, params);
+    };
     c.execute("INSERT INTO components (id, name) VALUES (1, ?)", {"core-" + s.tag});
     if (s.files <= 0) return;
-    c.execute(
-        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < ?) "
-        "INSERT INTO files (id, path, language, content_hash, size, mtime) "
-        "SELECT i, ? || '/f' || i || '.py', 'py', 'h', i, 0 FROM n",
-        {s.files, "src-" + s.tag});
+    numbered(s.files, "INSERT INTO files (id, path, language, content_hash, size, mtime) "
+             "SELECT i, ? || '/f' || i || '.py', 'py', 'h', i, 0 FROM n", {"src-" + s.tag});
     if (s.symbols > 0) {
-      c.execute(
-          "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < ?) "
-          "INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line) "
-          "SELECT i, 1 + (i % ?), ? || i, 'm.s' || i, 'function', i, i + 1 FROM n",
-          {s.symbols, s.files, "s" + s.tag});
+      numbered(s.symbols, "INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line) "
+               "SELECT i, 1 + (i % ?), ? || i, 'm.s' || i, 'function', i, i + 1 FROM n", {s.files, "s" + s.tag});
     }
     if (s.symbols > 1 && s.edges > 0) {
-      c.execute(
-          "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < ?) "
-          "INSERT INTO edges (source_id, target_id, kind) SELECT 1 + (i % ?), 1 + ((i + 1) % ?), 'calls' FROM n",
-          {s.edges, s.symbols, s.symbols});
+      numbered(s.edges, "INSERT INTO edges (source_id, target_id, kind) SELECT 1 + (i % ?), 1 + ((i + 1) % ?), 'calls' "
+               "FROM n", {s.symbols, s.symbols});
     }
-    c.execute(
-        "INSERT INTO external_imports (file_id, module) SELECT id, 'os' FROM files WHERE id % 10 = 0");
-    c.execute(
-        "INSERT INTO index_errors (file_path, error_type, message, line) "
-        "SELECT path, 'parse_error', 'bad', 1 FROM files WHERE id % 10 = 0");
+    c.execute("INSERT INTO external_imports (file_id, module) SELECT id, 'os' FROM files WHERE id % 10 = 0");
+    c.execute("INSERT INTO index_errors (file_path, error_type, message, line) "
+              "SELECT path, 'parse_error', 'bad', 1 FROM files WHERE id % 10 = 0");
     if (s.chunk_bytes > 0) {
-      c.execute(
-          "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) "
-          "SELECT id << 20, ? || ' ' || id || ' ' || hex(randomblob(?)), 1, 100, 1 FROM files",
-          {s.tag, s.chunk_bytes / 2});
+      c.execute("INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) "
+                "SELECT id << 20, ? || ' ' || id || ' ' || hex(randomblob(?)), 1, 100, 1 FROM files",
+                {s.tag, s.chunk_bytes / 2});
     }
   });
 }
