@@ -21,8 +21,8 @@ namespace marsk_quorvi::testing {
 namespace st = marsk_quorvi::storage;
 
 // The tables a clear or a swap replaces.
-inline const std::vector<std::string> kIndexTables = {"components", "files",           "symbols",
-                                                      "edges",      "external_imports", "index_errors"};
+inline const std::vector<std::string> kIndexTables = {"components",       "files",       "symbols", "edges",
+                                                      "external_imports", "index_errors"};
 
 // A bulk index made by SQL alone: `files` files in one component, `symbols`
 // symbols spread over them, `edges` edges between consecutive symbols, one
@@ -30,39 +30,38 @@ inline const std::vector<std::string> kIndexTables = {"components", "files",    
 // positive, one chunk of that many bytes per file. `tag` makes the texts of
 // one seed differ from another's.
 struct Seed {
-  std::int64_t files = 0;
-  std::int64_t symbols = 0;
-  std::int64_t edges = 0;
-  std::int64_t chunk_bytes = 0;
+  std::int64_t files = 0, symbols = 0, edges = 0, chunk_bytes = 0;
   std::string tag = "a";
 };
 
 inline void seed_index(st::Database& db, const Seed& s) {
+  // n(i) for i from 1 to the first parameter.
+  const std::string n = "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < ?) ";
   db.transaction([&](st::Cursor& c) {
-    // Runs `insert` over n(i) for i from 1 to `count`.
-    const auto numbered = [&](std::int64_t count, const std::string& insert, st::Params params) {
-      params.insert(params.begin(), count);
-      c.execute("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < ?) " + insert, params);
-    };
     c.execute("INSERT INTO components (id, name) VALUES (1, ?)", {"core-" + s.tag});
     if (s.files <= 0) return;
-    numbered(s.files, "INSERT INTO files (id, path, language, content_hash, size, mtime) "
-             "SELECT i, ? || '/f' || i || '.py', 'py', 'h', i, 0 FROM n", {"src-" + s.tag});
+    c.execute(n + "INSERT INTO files (id, path, language, content_hash, size, mtime) "
+                  "SELECT i, ? || '/f' || i || '.py', 'py', 'h', i, 0 FROM n",
+              {s.files, "src-" + s.tag});
     if (s.symbols > 0) {
-      numbered(s.symbols, "INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line) "
-               "SELECT i, 1 + (i % ?), ? || i, 'm.s' || i, 'function', i, i + 1 FROM n", {s.files, "s" + s.tag});
+      c.execute(n + "INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line) "
+                    "SELECT i, 1 + (i % ?), ? || i, 'm.s' || i, 'function', i, i + 1 FROM n",
+                {s.symbols, s.files, "s" + s.tag});
     }
     if (s.symbols > 1 && s.edges > 0) {
-      numbered(s.edges, "INSERT INTO edges (source_id, target_id, kind) SELECT 1 + (i % ?), 1 + ((i + 1) % ?), 'calls' "
-               "FROM n", {s.symbols, s.symbols});
+      c.execute(
+          n + "INSERT INTO edges (source_id, target_id, kind) SELECT 1 + (i % ?), 1 + ((i + 1) % ?), 'calls' FROM n",
+          {s.edges, s.symbols, s.symbols});
     }
     c.execute("INSERT INTO external_imports (file_id, module) SELECT id, 'os' FROM files WHERE id % 10 = 0");
-    c.execute("INSERT INTO index_errors (file_path, error_type, message, line) "
-              "SELECT path, 'parse_error', 'bad', 1 FROM files WHERE id % 10 = 0");
+    c.execute(
+        "INSERT INTO index_errors (file_path, error_type, message, line) "
+        "SELECT path, 'parse_error', 'bad', 1 FROM files WHERE id % 10 = 0");
     if (s.chunk_bytes > 0) {
-      c.execute("INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) "
-                "SELECT id << 20, ? || ' ' || id || ' ' || hex(randomblob(?)), 1, 100, 1 FROM files",
-                {s.tag, s.chunk_bytes / 2});
+      c.execute(
+          "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) "
+          "SELECT id << 20, ? || ' ' || id || ' ' || hex(randomblob(?)), 1, 100, 1 FROM files",
+          {s.tag, s.chunk_bytes / 2});
     }
   });
 }
