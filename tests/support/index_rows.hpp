@@ -1,5 +1,4 @@
-// Rows of a code index for tests: a bulk seed built by SQL alone, a staging
-// file made from one, and small probes of a database's tables.
+// Rows of a code index for tests: a bulk seed, a staging file made from one, and probes of a database.
 #pragma once
 
 #include <cstdint>
