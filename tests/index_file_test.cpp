@@ -344,7 +344,7 @@ void drop_code_chunks(mq::Database& d) {
 
 TEST_F(IndexFile, SwapReplacesTheIndexTablesInOneCommitOrLeavesThemExactlyAsTheyWere) {
   mt::seed_index(*db, {.files = 3000, .symbols = 90, .edges = 40, .chunk_bytes = 3000, .tag = "old"});
-  db->execute("PRAGMA user_version = 5");
+  for (int g = 0; g < 5; ++g) db->impl()._bump_index_generation();  // without a cursor each commits at once
   db->execute("INSERT INTO schema_info (key, value) VALUES ('last_index', 'yesterday')");
   db->execute(
       "INSERT INTO pending_references (source_path, source_fqn, target_name, kind) VALUES ('a', 'a.f', 'g', 'c')");
@@ -428,7 +428,7 @@ TEST_F(IndexFile, CodeChunksFollowWhatEachFileHasAndExtraStagingColumnsAreLeftOu
       const auto counts = db->swap_index_from(file);
 
       const bool copied = live_has && staging_has;
-      EXPECT_EQ(counts.size(), copied ? 7u : 6u);
+      EXPECT_EQ(counts.contains("code_chunks"), copied);
       EXPECT_EQ(std::prev(counts.end())->first, copied ? "code_chunks" : "index_errors");
       EXPECT_EQ(counts.at("symbols"), 9);
       EXPECT_EQ(mt::has_table(*db, "code_chunks"), live_has);
