@@ -1,11 +1,9 @@
-// Rows of a code index for tests: a small hand-made index, a bulk seed built
-// by SQL alone, and a snapshot of every table a full rebuild may touch.
+// Rows of a code index for tests: a bulk seed, a staging file made from one, and probes of a database.
 #pragma once
 
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <map>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -22,44 +20,8 @@ namespace marsk_quorvi::testing {
 namespace st = marsk_quorvi::storage;
 
 // The tables a clear or a swap replaces.
-inline const std::vector<std::string> kIndexTables = {"components", "files",           "symbols",
-                                                      "edges",      "external_imports", "index_errors"};
-
-inline void add_component(st::Database& db, std::int64_t id, const std::string& name) {
-  db.execute("INSERT INTO components (id, name) VALUES (?, ?)", {id, name});
-}
-
-inline void add_file(st::Database& db, std::int64_t id, const std::string& path, const std::string& language = "py") {
-  db.execute("INSERT INTO files (id, path, language, content_hash, size, mtime) VALUES (?, ?, ?, 'h', 1, 0)",
-             {id, path, language});
-}
-
-// A symbol that users see.
-inline void add_symbol(st::Database& db, std::int64_t id, std::int64_t file_id, const std::string& name,
-                       const std::string& kind = "function") {
-  db.execute("INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line) VALUES (?, ?, ?, ?, ?, 1, 2)",
-             {id, file_id, name, "m." + name, kind});
-}
-
-// The per-file top-level anchor the indexer keeps; never listed.
-inline void add_anchor(st::Database& db, std::int64_t id, std::int64_t file_id, const std::string& name) {
-  db.execute("INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line) VALUES (?, ?, ?, ?, 'module', 1, 1)",
-             {id, file_id, name, name});
-}
-
-inline void add_edge(st::Database& db, std::int64_t source, std::int64_t target, const std::string& kind = "calls") {
-  db.execute("INSERT INTO edges (source_id, target_id, kind) VALUES (?, ?, ?)", {source, target, kind});
-}
-
-inline void add_external_import(st::Database& db, std::int64_t file_id, const std::string& module) {
-  db.execute("INSERT INTO external_imports (file_id, module) VALUES (?, ?)", {file_id, module});
-}
-
-// A chunk of file text under the rowid that ties it to its file.
-inline void add_chunk(st::Database& db, std::int64_t file_id, std::int64_t number, const std::string& text) {
-  db.execute("INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (?, ?, 1, 9, 1)",
-             {(file_id << 20) + number, text});
-}
+inline const std::vector<std::string> kIndexTables = {"components",       "files",       "symbols", "edges",
+                                                      "external_imports", "index_errors"};
 
 // A bulk index made by SQL alone: `files` files in one component, `symbols`
 // symbols spread over them, `edges` edges between consecutive symbols, one
@@ -67,37 +29,30 @@ inline void add_chunk(st::Database& db, std::int64_t file_id, std::int64_t numbe
 // positive, one chunk of that many bytes per file. `tag` makes the texts of
 // one seed differ from another's.
 struct Seed {
-  std::int64_t files = 0;
-  std::int64_t symbols = 0;
-  std::int64_t edges = 0;
-  std::int64_t chunk_bytes = 0;
+  std::int64_t files = 0, symbols = 0, edges = 0, chunk_bytes = 0;
   std::string tag = "a";
 };
 
 inline void seed_index(st::Database& db, const Seed& s) {
+  // n(i) for i from 1 to the first parameter.
+  const std::string n = "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < ?) ";
   db.transaction([&](st::Cursor& c) {
     c.execute("INSERT INTO components (id, name) VALUES (1, ?)", {"core-" + s.tag});
     if (s.files <= 0) return;
-    c.execute(
-        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < ?) "
-        "INSERT INTO files (id, path, language, content_hash, size, mtime) "
-        "SELECT i, ? || '/f' || i || '.py', 'py', 'h', i, 0 FROM n",
-        {s.files, "src-" + s.tag});
+    c.execute(n + "INSERT INTO files (id, path, language, content_hash, size, mtime) "
+                  "SELECT i, ? || '/f' || i || '.py', 'py', 'h', i, 0 FROM n",
+              {s.files, "src-" + s.tag});
     if (s.symbols > 0) {
-      c.execute(
-          "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < ?) "
-          "INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line) "
-          "SELECT i, 1 + (i % ?), ? || i, 'm.s' || i, 'function', i, i + 1 FROM n",
-          {s.symbols, s.files, "s" + s.tag});
+      c.execute(n + "INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line) "
+                    "SELECT i, 1 + (i % ?), ? || i, 'm.s' || i, 'function', i, i + 1 FROM n",
+                {s.symbols, s.files, "s" + s.tag});
     }
     if (s.symbols > 1 && s.edges > 0) {
       c.execute(
-          "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < ?) "
-          "INSERT INTO edges (source_id, target_id, kind) SELECT 1 + (i % ?), 1 + ((i + 1) % ?), 'calls' FROM n",
+          n + "INSERT INTO edges (source_id, target_id, kind) SELECT 1 + (i % ?), 1 + ((i + 1) % ?), 'calls' FROM n",
           {s.edges, s.symbols, s.symbols});
     }
-    c.execute(
-        "INSERT INTO external_imports (file_id, module) SELECT id, 'os' FROM files WHERE id % 10 = 0");
+    c.execute("INSERT INTO external_imports (file_id, module) SELECT id, 'os' FROM files WHERE id % 10 = 0");
     c.execute(
         "INSERT INTO index_errors (file_path, error_type, message, line) "
         "SELECT path, 'parse_error', 'bad', 1 FROM files WHERE id % 10 = 0");
