@@ -7,15 +7,15 @@
 #include "support/access_checks.hpp"
 
 namespace mq = marsk_quorvi::storage;
-using marsk_quorvi::testing::raised;
+using marsk_quorvi::testing::rows_or_error;
 
 namespace {
 
 class CoreSchema : public ::testing::Test {
  protected:
   void SetUp() override {
-    conn->execute("PRAGMA foreign_keys=ON");
-    conn->execute("CREATE TABLE memories (id INTEGER PRIMARY KEY, body TEXT)");  // another part of the service
+    run("PRAGMA foreign_keys=ON");
+    run("CREATE TABLE memories (id INTEGER PRIMARY KEY, body TEXT)");  // another part of the service
     create_tables();
   }
   void create_tables() {
@@ -24,62 +24,52 @@ class CoreSchema : public ::testing::Test {
     mq::core_schema::create_tables(c);
     c.execute("COMMIT");
   }
-  // Every row, columns joined by '|', rows ended by ';'.
-  std::string rows(const std::string& sql) {
-    std::string out;
-    for (const auto& row : conn->execute(sql).fetchall()) {
-      for (std::size_t i = 0; i < row.size(); ++i) out += (i ? "|" : "") + row[i].to_text();
-      out += ";";
-    }
-    return out;
-  }
+  std::string run(const std::string& sql) { return rows_or_error([&] { return conn->execute(sql).fetchall(); }); }
   std::shared_ptr<mq::Connection> conn = mq::Connection::open(":memory:");
 };
 
 TEST_F(CoreSchema, NewFileGetsEveryIndexTableAtTheCurrentVersionAndASecondRunChangesNothing) {
-  EXPECT_EQ(rows("SELECT type, name FROM sqlite_master WHERE type <> 'index' AND name NOT LIKE 'code_chunks_%' "
-                 "ORDER BY 1, 2"),
+  EXPECT_EQ(run("SELECT type, name FROM sqlite_master WHERE type <> 'index' AND name NOT LIKE 'code_chunks_%' "
+                "ORDER BY 1, 2"),
             "table|code_chunks;table|components;table|edges;table|external_imports;table|files;table|index_errors;"
             "table|memories;table|pending_references;table|schema_info;table|symbols;"
             "trigger|files_delete_code_chunks;");
-  EXPECT_EQ(rows("SELECT count(*) FROM sqlite_master WHERE type = 'index' AND name LIKE 'idx_%'"), "14;");
-  EXPECT_EQ(rows("SELECT * FROM schema_info"), std::string("version|") + mq::migrations::SCHEMA_VERSION + ";");
-  conn->execute("UPDATE schema_info SET value = '2.0.0' WHERE key = 'version'");
-  const auto schema = rows("SELECT * FROM sqlite_master");
+  EXPECT_EQ(run("SELECT count(*) FROM sqlite_master WHERE type = 'index' AND name LIKE 'idx_%'"), "14;");
+  EXPECT_EQ(run("SELECT * FROM schema_info"), std::string("version|") + mq::migrations::SCHEMA_VERSION + ";");
+  run("UPDATE schema_info SET value = '2.0.0' WHERE key = 'version'");
+  const auto schema = run("SELECT * FROM sqlite_master");
   create_tables();
-  EXPECT_EQ(rows("SELECT * FROM sqlite_master"), schema);
-  EXPECT_EQ(rows("SELECT * FROM schema_info"), "version|2.0.0;");
+  EXPECT_EQ(run("SELECT * FROM sqlite_master"), schema);
+  EXPECT_EQ(run("SELECT * FROM schema_info"), "version|2.0.0;");
 }
 
 TEST_F(CoreSchema, RowsNeedTheirParentsAndGoWithThem) {
-  conn->execute("INSERT INTO components (id, name) VALUES (7, 'core')");
-  conn->execute("INSERT INTO files (id, path, language, component_id) VALUES (1, 'a.c', 'c', 7), (2, 'b.c', 'c', 7)");
-  conn->execute(
-      "INSERT INTO symbols (id, file_id, name, fqn, kind, parent_id) VALUES "
+  run("INSERT INTO components (id, name) VALUES (7, 'core')");
+  run("INSERT INTO files (id, path, language, component_id) VALUES (1, 'a.c', 'c', 7), (2, 'b.c', 'c', 7)");
+  run("INSERT INTO symbols (id, file_id, name, fqn, kind, parent_id) VALUES "
       "(1, 1, 'a', 'a', 'module', NULL), (2, 1, 'f', 'a.f', 'function', 1), (3, 1, 'g', 'a.g', 'function', 1)");
-  conn->execute("INSERT INTO edges (source_id, target_id, kind) VALUES (2, 3, 'calls')");
-  conn->execute("INSERT INTO external_imports (file_id, module) VALUES (1, 'stdio')");
+  run("INSERT INTO edges (source_id, target_id, kind) VALUES (2, 3, 'calls')");
+  run("INSERT INTO external_imports (file_id, module) VALUES (1, 'stdio')");
   // The first and last chunk of file 1, and the first of file 2, its neighbour in rowid order.
-  const std::int64_t f1 = 1LL << 20, f2 = 2LL << 20;
-  conn->executemany("INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (?, ?, 1, 1, 1)",
-                    {{f1, "int alpha;"}, {f1 + 1048575, "int omega;"}, {f2, "int beta;"}});
+  run("INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES "
+      "(1048576, 'int alpha;', 1, 1, 1), (2097151, 'int omega;', 9, 9, 0), (2097152, 'int beta;', 1, 1, 1)");
   // Children before parents are refused: the order of a bulk copy matters.
-  for (const char* orphan : {"INSERT INTO files (id, path, component_id) VALUES (3, 'c.c', 8)",
-                             "INSERT INTO symbols (id, file_id, name, fqn, kind) VALUES (4, 9, 'f', 'f', 'function')",
-                             "INSERT INTO symbols (id, file_id, name, fqn, kind, parent_id) VALUES (4, 1, 'f', 'f', 'f', 9)",
-                             "INSERT INTO edges (source_id, target_id, kind) VALUES (2, 99, 'calls')",
-                             "INSERT INTO edges (source_id, target_id, kind) VALUES (99, 2, 'calls')",
-                             "INSERT INTO external_imports (file_id, module) VALUES (9, 'os')"}) {
-    EXPECT_EQ(raised([&] { conn->execute(orphan); }), "Error: FOREIGN KEY constraint failed") << orphan;
+  for (const char* orphan : {"files (id, path, component_id) VALUES (3, 'c.c', 8)",
+                             "symbols (id, file_id, name, fqn, kind) VALUES (4, 9, 'f', 'f', 'function')",
+                             "symbols (id, file_id, name, fqn, kind, parent_id) VALUES (4, 1, 'f', 'f', 'function', 9)",
+                             "edges (source_id, target_id, kind) VALUES (2, 99, 'calls')",
+                             "edges (source_id, target_id, kind) VALUES (99, 2, 'calls')",
+                             "external_imports (file_id, module) VALUES (9, 'os')"}) {
+    EXPECT_EQ(run(std::string("INSERT INTO ") + orphan), "Error: FOREIGN KEY constraint failed") << orphan;
   }
-  conn->execute("DELETE FROM components");
-  EXPECT_EQ(rows("SELECT id, component_id FROM files"), "1|NULL;2|NULL;");
-  conn->execute("DELETE FROM files WHERE id = 1");
-  EXPECT_EQ(rows("SELECT (SELECT count(*) FROM symbols), (SELECT count(*) FROM edges), "
-                 "(SELECT count(*) FROM external_imports)"),
+  run("DELETE FROM components");
+  EXPECT_EQ(run("SELECT id, component_id FROM files"), "1|NULL;2|NULL;");
+  run("DELETE FROM files WHERE id = 1");
+  EXPECT_EQ(run("SELECT (SELECT count(*) FROM symbols), (SELECT count(*) FROM edges), "
+                "(SELECT count(*) FROM external_imports)"),
             "0|0|0;");
-  EXPECT_EQ(rows("SELECT rowid FROM code_chunks"), std::to_string(f2) + ";");
-  EXPECT_EQ(rows("SELECT count(*) FROM code_chunks WHERE code_chunks MATCH 'alpha OR omega'"), "0;");
+  EXPECT_EQ(run("SELECT rowid FROM code_chunks"), "2097152;");
+  EXPECT_EQ(run("SELECT count(*) FROM code_chunks WHERE code_chunks MATCH 'alpha OR omega'"), "0;");
 }
 
 }  // namespace

@@ -12,14 +12,14 @@ using marsk_quorvi::testing::raised;
 
 namespace {
 
-std::shared_ptr<mq::Connection> with_path_functions() {
-  auto conn = mq::Connection::open(":memory:");
-  mu::register_path_functions(*conn);
-  return conn;
-}
-
-std::string first(mq::Connection& conn, const std::string& sql, const mq::Params& params = {}) {
-  return conn.execute(sql, params).fetchone().value()[0].to_text();
+// The rows of `query` on a connection with the path functions ("a|b;" per row), or its error.
+std::string run(const std::string& query, const mq::Params& params = {}) {
+  static const auto conn = [] {
+    auto c = mq::Connection::open(":memory:");
+    mu::register_path_functions(*c);
+    return c;
+  }();
+  return marsk_quorvi::testing::rows_or_error([&] { return conn->execute(query, params).fetchall(); });
 }
 
 TEST(PathFilter, GlobInBothSyntaxes) {
@@ -55,38 +55,28 @@ TEST(PathFilter, GlobInBothSyntaxes) {
       {rep("**/", 300) + "x", rep("d/", 40) + "x", 1, 1}, {rep("*a", 150), rep("a", 150), 1, 1},
       {rep("*a", 150), rep("a", 149), 0, 0},
   };
-  auto conn = with_path_functions();
   for (const auto& c : cases) {
     const std::string what = "'" + c.pattern + "' ~ '" + c.path + "'";
     EXPECT_EQ(mu::path_glob(c.path, c.pattern), c.path_syntax) << what;
-    EXPECT_EQ(first(*conn, "SELECT path_glob(?, ?)", {c.path, c.pattern}), c.path_syntax ? "1" : "0") << what;
+    EXPECT_EQ(run("SELECT path_glob(?, ?)", {c.path, c.pattern}), c.path_syntax ? "1;" : "0;") << what;
     EXPECT_EQ(mu::Glob(c.pattern, mu::GlobSyntax::gitignore).matches(c.path), c.gitignore) << what;
   }
 }
 
-TEST(PathFilter, PathFunctionsInQueriesOnTheirOwnConnection) {
-  auto conn = with_path_functions();
+TEST(PathFilter, PathFunctionsThroughSqlOnTheConnectionsThatRegisteredThem) {
   const std::pair<mq::Value, const char*> parts[] = {
-      {"src/pkg/Mod.PY", "py|src/pkg|Mod.PY"}, {"archive.tar.gz", "gz||archive.tar.gz"}, {"Makefile", "||Makefile"},
-      {"home/.bashrc", "|home|.bashrc"}, {"dir.d/file", "|dir.d|file"}, {"trailing.", "||trailing."},
-      {"a/b/", "|a/b|"}, {"", "||"}, {mq::Value(), "NULL|NULL|NULL"}};
-  for (const auto& [p, want] : parts) {
-    const auto row = conn->execute("SELECT path_ext(?), path_dir(?), path_name(?)", {p, p, p}).fetchone().value();
-    EXPECT_EQ(row[0].to_text() + "|" + row[1].to_text() + "|" + row[2].to_text(), want) << p.to_text();
-  }
-  EXPECT_EQ(first(*conn, "SELECT path_glob(NULL, '*') IS NULL AND path_glob('a', NULL) IS NULL"), "1");
-  conn->execute("CREATE TABLE files (path TEXT)");
-  conn->executemany("INSERT INTO files (path) VALUES (?)", {{"src/a.py"}, {"src/b.cpp"}, {"src/x/c.py"}, {"t/d.py"}});
-  EXPECT_EQ(first(*conn, "SELECT group_concat(path) FROM files WHERE path_glob(path, ?)", {"src/**/*.py"}),
-            "src/a.py,src/x/c.py");
+      {"src/pkg/Mod.PY", "py|src/pkg|Mod.PY;"}, {"archive.tar.gz", "gz||archive.tar.gz;"}, {"Makefile", "||Makefile;"},
+      {"home/.bashrc", "|home|.bashrc;"}, {"dir.d/file", "|dir.d|file;"}, {"trailing.", "||trailing.;"},
+      {"a/b/", "|a/b|;"}, {"", "||;"}, {mq::Value(), "NULL|NULL|NULL;"}};
+  for (const auto& [p, want] : parts) EXPECT_EQ(run("SELECT path_ext(?), path_dir(?), path_name(?)", {p, p, p}), want);
+  EXPECT_EQ(run("SELECT path_glob(NULL, '*'), path_glob('a', NULL)"), "NULL|NULL;");
   // A pattern that changes from row to row is not taken for the one before.
-  EXPECT_EQ(first(*conn, "SELECT sum(path_glob(column1, column2)) FROM (VALUES ('a.c', '*.c'), ('a.c', '*.h'), "
-                         "('b.h', '*.h'))"),
-            "2");
-  EXPECT_EQ(raised([] { mq::Connection::open(":memory:")->execute("SELECT path_ext('a.b')"); }),
-            "OperationalError: no such function: path_ext");
-  conn->close();
-  EXPECT_EQ(raised([&] { mu::register_path_functions(*conn); }), "Error: Cannot operate on a closed database.");
+  EXPECT_EQ(run("SELECT sum(path_glob(column1, column2)) FROM (VALUES ('a.c', '*.c'), ('a.c', '*.h'), ('b.h', '*.h'))"),
+            "2;");
+  auto bare = mq::Connection::open(":memory:");
+  EXPECT_EQ(raised([&] { bare->execute("SELECT path_ext('a.b')"); }), "OperationalError: no such function: path_ext");
+  bare->close();
+  EXPECT_EQ(raised([&] { mu::register_path_functions(*bare); }), "Error: Cannot operate on a closed database.");
 }
 
 TEST(QuotedRepr, FormsAsPythonsRepr) {
@@ -94,21 +84,16 @@ TEST(QuotedRepr, FormsAsPythonsRepr) {
       {"[1, 2]", "'[1, 2]'"}, {"", "''"}, {"it's", R"("it's")"}, {R"(say "hi")", R"('say "hi"')"},
       {R"(a'b"c)", R"('a\'b"c')"}, {"back\\slash", R"('back\\slash')"}, {"a\nb\tc\rd", R"('a\nb\tc\rd')"},
       {std::string("\x00\x01\x1f\x7f", 4), R"('\x00\x01\x1f\x7f')"},
-      // Printable beyond ASCII: a letter, an emoji, the last variation selector.
+      // Printable beyond ASCII: a letter, an emoji, the last variation selector. Then controls, separators and
+      // format characters; unassigned code points, a noncharacter, private use and the last code point.
       {"caf\xc3\xa9 \xf0\x9f\x98\x80 \xf3\xa0\x87\xaf", "'caf\xc3\xa9 \xf0\x9f\x98\x80 \xf3\xa0\x87\xaf'"},
-      // Controls, separators and format characters: NEL, no-break space, soft
-      // hyphen; bidi override and isolate, word joiner; em, ideographic, line
-      // separator; byte order mark; language tag.
       {"\xc2\x85\xc2\xa0\xc2\xad", R"('\x85\xa0\xad')"},
       {"\xe2\x80\xae\xe2\x81\xa6\xe2\x81\xa0", R"('\u202e\u2066\u2060')"},
       {"\xe2\x80\x83\xe3\x80\x80\xe2\x80\xa8\xef\xbb\xbf\xf3\xa0\x80\x81", R"('\u2003\u3000\u2028\ufeff\U000e0001')"},
-      // Unassigned U+0378..U+0379 between two letters; a noncharacter, private
-      // use in the first and in plane 15, the last code point.
       {"\xcd\xb7\xcd\xb8\xcd\xb9\xcd\xba", "'\xcd\xb7\\u0378\\u0379\xcd\xba'"},
       {"\xef\xbf\xbf\xee\x80\x80\xf3\xb0\x80\x80\xf4\x8f\xbf\xbf", R"('\uffff\ue000\U000f0000\U0010ffff')"},
-      // Bytes that are not valid UTF-8, which read apart from the control
-      // character of the same number: a stray continuation byte, a lead byte
-      // cut short, an overlong form and an encoded surrogate.
+      // Bytes that are not UTF-8 (a stray continuation byte, a lead byte cut short, an overlong form and an encoded
+      // surrogate) read apart from the control character of the same number.
       {"\x85", R"('\udc85')"}, {"\xf0\x9f\x98", R"('\udcf0\udc9f\udc98')"}, {"\xc0\xaf", R"('\udcc0\udcaf')"},
       {"\xed\xa0\x80!", R"('\udced\udca0\udc80!')"},
   };

@@ -13,15 +13,32 @@
 
 namespace marsk_quorvi::testing {
 
-// "Kind: message" of the library error that `f` raises, or "" when it raises none.
+// "Kind: message" of the library error that `f` raises, the message alone of
+// another exception, or "" when it raises none.
 template <class F>
 std::string raised(F&& f) {
   try {
     f();
   } catch (const QuorviError& e) {
     return std::string(e.kind()) + ": " + e.what();
+  } catch (const std::exception& e) {
+    return e.what();
   }
   return "";
+}
+
+// The rows `f` returns, columns joined by '|' and each row ended by ';', or
+// "Kind: message" when it raises.
+template <class F>
+std::string rows_or_error(F&& f) {
+  std::string out;
+  const auto error = raised([&] {
+    for (const storage::Row& row : f()) {
+      for (std::size_t i = 0; i < row.size(); ++i) out += (i ? "|" : "") + row[i].to_text();
+      out += ";";
+    }
+  });
+  return error.empty() ? out : error;
 }
 
 // Records the text of every statement a connection starts, so that a test can
