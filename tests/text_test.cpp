@@ -1,16 +1,46 @@
-// Text helpers on their own: the glob engine in both its syntaxes, the SQL
-// path functions through SQL, and the quoted form that "%r" log arguments take.
+// Rules on text, on their own: the size of the read pool, which statements a
+// read connection may run, the glob engine in both its syntaxes and the SQL
+// path functions, and the quoted form that "%r" log arguments take.
 #include <gtest/gtest.h>
 
 #include "marsk_quorvi/utils/path_filter.hpp"
 #include "storage/log.hpp"
 #include "support/access_checks.hpp"
+#include "support/test_support.hpp"
 
 namespace mq = marsk_quorvi::storage;
 namespace mu = marsk_quorvi::utils;
 using marsk_quorvi::testing::raised;
+using marsk_quorvi::testing::ScopedEnv;
 
 namespace {
+
+TEST(Classification, ReaderCountReadStatementsAndWhatAReaderCannotServe) {
+  const std::pair<std::optional<std::string>, int> counts[] = {
+      {std::nullopt, 6}, {"", 6},   {"   ", 6},  {"abc", 6},   {"4.5", 6},  {"+5", 5},       {"-1", 0},
+      {"0", 0},          {"32", 32}, {"33", 32}, {" 7 ", 7},   {"100", 32}, {"0x10", 6},     {"8 readers", 6},
+      {"\t12\n", 12},    {"+", 6},   {"--1", 6}, {"99999999999999999999999", 32}};
+  for (const auto& [value, expected] : counts) {
+    ScopedEnv env(mq::detail::kReadersEnv, value);
+    EXPECT_EQ(mq::reader_count(), expected) << value.value_or("<unset>");
+  }
+  for (const char* sql : {"  select * from files", "With t AS (SELECT 1) SELECT * FROM t", "WITHOUT", "SELECTED",
+                          "\n\tSELECT 1", "pragma user_version", " PRAGMA user_version ;; ", "PRAGMA user_version;"}) {
+    EXPECT_TRUE(mq::detail::_is_read_statement(sql)) << "'" << sql << "'";
+  }
+  for (const char* sql : {"PRAGMA user_version=5", "PRAGMA user_version = 5", "PRAGMA user_version; ;",
+                          "PRAGMA  user_version", "PRAGMA main.user_version", "INSERT INTO files (path) VALUES ('a')",
+                          "-- note\nSELECT 1", "(SELECT 1)", "EXPLAIN SELECT 1", "VALUES (1)", "PRAGMA page_count", "",
+                          "   ", "SELEC"}) {
+    EXPECT_FALSE(mq::detail::_is_read_statement(sql)) << "'" << sql << "'";
+  }
+  for (const auto& [message, expected] :
+       {std::pair{"attempt to write a readonly database", true}, {"UNABLE TO OPEN DATABASE FILE", true},
+        {"Attempt To Write A ReadOnly Database", true}, {"database is locked", false}, {"", false}}) {
+    EXPECT_EQ(mq::detail::_reader_cannot_serve(mq::OperationalError(message)), expected) << message;
+  }
+}
+
 
 // The rows of `query` on a connection with the path functions ("a|b;" per row), or its error.
 std::string run(const std::string& query, const mq::Params& params = {}) {

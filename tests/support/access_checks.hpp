@@ -53,11 +53,10 @@ struct StatementTrace {
   }
   StatementTrace(const StatementTrace&) = delete;
   long count(const std::string& sql) const { return std::count(statements.begin(), statements.end(), sql); }
-  std::vector<std::string> control() const {
-    std::vector<std::string> out;
-    for (const auto& s : statements) {
-      if (s == "BEGIN" || s == "COMMIT" || s == "ROLLBACK") out.push_back(s);
-    }
+  // " BEGIN COMMIT": the transaction control in the order it ran.
+  std::string control() const {
+    std::string out;
+    for (const auto& s : statements) out += s == "BEGIN" || s == "COMMIT" || s == "ROLLBACK" ? " " + s : "";
     return out;
   }
   static int on_statement(unsigned, void* self, void*, void* text) {
