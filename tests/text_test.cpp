@@ -41,7 +41,6 @@ TEST(Classification, ReaderCountReadStatementsAndWhatAReaderCannotServe) {
   }
 }
 
-
 // The rows of `query` on a connection with the path functions ("a|b;" per row), or its error.
 std::string run(const std::string& query, const mq::Params& params = {}) {
   static const auto conn = [] {
@@ -53,12 +52,9 @@ std::string run(const std::string& query, const mq::Params& params = {}) {
 }
 
 TEST(PathFilter, GlobInBothSyntaxes) {
-  struct Case {
-    std::string pattern, path;
-    bool path_syntax, gitignore;
-  };
   const auto rep = [](const std::string& s, int n) { std::string r; while (n-- > 0) r += s; return r; };
-  const std::vector<Case> cases = {
+  const std::tuple<std::string, std::string, bool, bool> cases[] = {
+      // pattern, path, matched in the path syntax, matched as a .gitignore line
       {"*.py", "main.py", 1, 1}, {"*.py", "src/main.py", 0, 0}, {"*.py", "Main.PY", 0, 0},
       {"src/*.py", "src/main.py", 1, 1}, {"src/*.py", "src/pkg/main.py", 0, 0}, {"src/**/*.py", "src/main.py", 1, 1},
       {"src/**/*.py", "src/a/b/c/main.py", 1, 1}, {"src/**/*.py", "lib/a/main.py", 0, 0}, {"**/*.py", "main.py", 1, 1},
@@ -67,11 +63,9 @@ TEST(PathFilter, GlobInBothSyntaxes) {
       {"src?a/c", "src/a/c", 0, 0}, {"[abc].c", "a.c", 1, 1}, {"[abc].c", "d.c", 0, 0}, {"[!abc].c", "d.c", 1, 1},
       {"[^a]x", "bx", 1, 1}, {"[a-c].c", "b.c", 1, 1}, {"[a-c].c", "x.c", 0, 0}, {"[]]", "]", 1, 1},
       {"[a-]", "-", 1, 1}, {"", "", 1, 1}, {"*", "", 1, 1}, {"", "a", 0, 0},
-      // A class never matches '/', nor in .gitignore lines reaches past one;
-      // an unclosed '[' is literal, unless a range is cut off there.
+      // A class never matches '/', nor in .gitignore lines reaches past one; an unclosed '[' is literal.
       {"a[/]c", "a/c", 0, 0}, {"a[/]c", "a[/]c", 0, 1}, {"[.c", "[.c", 1, 1}, {"[a-", "[a-", 1, 0},
-      // Runs of stars fold with the exact meaning of the whole run; only a
-      // whole segment `**` crosses segments in .gitignore lines.
+      // Runs of stars fold to the meaning of the whole run; in .gitignore lines only a segment `**` crosses '/'.
       {"a/**/**/**/b", "a/b", 1, 1}, {"a/**/**/**/b", "a/x/y/b", 1, 1}, {"***/b", "b", 0, 0},
       {"***/b", "x/y/b", 1, 0}, {"****/b", "xb", 1, 0}, {"a**b", "ax/yb", 1, 0}, {"a**b", "axyb", 1, 1},
       {"**/b", "ab", 0, 0},
@@ -85,11 +79,11 @@ TEST(PathFilter, GlobInBothSyntaxes) {
       {rep("**/", 300) + "x", rep("d/", 40) + "x", 1, 1}, {rep("*a", 150), rep("a", 150), 1, 1},
       {rep("*a", 150), rep("a", 149), 0, 0},
   };
-  for (const auto& c : cases) {
-    const std::string what = "'" + c.pattern + "' ~ '" + c.path + "'";
-    EXPECT_EQ(mu::path_glob(c.path, c.pattern), c.path_syntax) << what;
-    EXPECT_EQ(run("SELECT path_glob(?, ?)", {c.path, c.pattern}), c.path_syntax ? "1;" : "0;") << what;
-    EXPECT_EQ(mu::Glob(c.pattern, mu::GlobSyntax::gitignore).matches(c.path), c.gitignore) << what;
+  for (const auto& [pattern, path, in_path_syntax, as_gitignore] : cases) {
+    const std::string what = "'" + pattern + "' ~ '" + path + "'";
+    EXPECT_EQ(mu::path_glob(path, pattern), in_path_syntax) << what;
+    EXPECT_EQ(run("SELECT path_glob(?, ?)", {path, pattern}), in_path_syntax ? "1;" : "0;") << what;
+    EXPECT_EQ(mu::Glob(pattern, mu::GlobSyntax::gitignore).matches(path), as_gitignore) << what;
   }
 }
 
