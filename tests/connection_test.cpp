@@ -1,9 +1,8 @@
-// The storage layer's connections on real files: the SQLite access layer
-// (values, rows, row counts, the statement cache, cursors, error kinds,
-// another process holding the write lock, a full-text table that cannot
-// load), which connection of a handle runs a query (the read pool when it
-// may, the writer connection, traced on its handle, when it must), the read
-// pool, connect and close, nested transactions and the index tables.
+// The storage layer's connections: the rules they apply to text; the SQLite
+// access layer on real files, with another process holding the write lock and
+// a full-text table that cannot load; which connection of a handle runs a
+// query (the read pool when it may, the writer connection, traced on its
+// handle, when it must); the read pool, connect and close, nested transactions.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
@@ -14,15 +13,71 @@
 #include <thread>
 
 #include "marsk_quorvi/storage/storage_size.hpp"
+#include "marsk_quorvi/utils/path_filter.hpp"
+#include "storage/log.hpp"
 #include "storage/migrations.hpp"
-#include "support/access_checks.hpp"
 #include "support/test_support.hpp"
 
 namespace mq = marsk_quorvi::storage;
+namespace mu = marsk_quorvi::utils;
 using namespace marsk_quorvi::testing;
 using namespace std::chrono_literals;
 
 namespace {
+
+// "Kind: message" of the library error that `f` raises, the message alone of
+// another exception, or "" when it raises none.
+template <class F>
+std::string raised(F&& f) {
+  try {
+    f();
+  } catch (const marsk_quorvi::QuorviError& e) {
+    return std::string(e.kind()) + ": " + e.what();
+  } catch (const std::exception& e) {
+    return e.what();
+  }
+  return "";
+}
+
+// The rows `f` returns, columns joined by '|' and each row ended by ';', or
+// "Kind: message" when it raises.
+template <class F>
+std::string rows_or_error(F&& f) {
+  std::string out;
+  const auto error = raised([&] {
+    for (const mq::Row& row : f()) {
+      for (std::size_t i = 0; i < row.size(); ++i) out += (i ? "|" : "") + row[i].to_text();
+      out += ";";
+    }
+  });
+  return error.empty() ? out : error;
+}
+
+// Records the text of every statement a connection starts, so that a test can
+// tell which connection ran a query and see BEGIN/COMMIT/ROLLBACK. SQLite calls
+// it under the connection's own mutex, which orders the threads that record.
+struct StatementTrace {
+  explicit StatementTrace(std::shared_ptr<mq::Connection> c) : connection(std::move(c)) {
+    sqlite3_trace_v2(connection->handle(), SQLITE_TRACE_STMT, &StatementTrace::on_statement, this);
+  }
+  ~StatementTrace() {
+    if (sqlite3* db = connection->handle()) sqlite3_trace_v2(db, 0, nullptr, nullptr);
+  }
+  long count(const std::string& sql) const { return std::count(statements.begin(), statements.end(), sql); }
+  // " BEGIN COMMIT": the transaction control in the order it ran.
+  std::string control() const {
+    std::string out;
+    for (const auto& s : statements) out += s == "BEGIN" || s == "COMMIT" || s == "ROLLBACK" ? " " + s : "";
+    return out;
+  }
+  static int on_statement(unsigned, void* self, void*, void* text) {
+    static_cast<StatementTrace*>(self)->statements.emplace_back(static_cast<const char*>(text));
+    return 0;
+  }
+
+  std::shared_ptr<mq::Connection> connection;  // kept alive: it may be closed first
+  std::vector<std::string> statements;
+};
 
 // Statements SQLite holds for a connection: cached ones plus those in use.
 int prepared_statements(mq::Connection& conn) {
@@ -48,10 +103,10 @@ class Handle : public TempDirTest {
     TempDirTest::TearDown();
   }
   // The rows of a query through fetchall (or fetchone), or the error it raises.
-  std::string query(const std::string& sql, bool one = false) {
+  std::string query(const std::string& sql, const mq::Params& params = {}, bool one = false) {
     return rows_or_error([&] {
-      auto row = one ? db->fetchone(sql) : std::nullopt;
-      return !one ? db->fetchall(sql) : row ? std::vector{*row} : std::vector<mq::Row>{};
+      auto row = one ? db->fetchone(sql, params) : std::nullopt;
+      return !one ? db->fetchall(sql, params) : row ? std::vector{*row} : std::vector<mq::Row>{};
     });
   }
   // What `body` raised, the transaction control SQLite saw, and the rows
@@ -63,7 +118,7 @@ class Handle : public TempDirTest {
     const auto out = error + " |" + trace->control() + " | ";
     EXPECT_EQ(db->impl()._tx_depth, 0);
     EXPECT_EQ(db->impl()._tx_owner.load(), std::thread::id());
-    return out + rows_or_error([&] { return mq::Connection::open(file)->execute("SELECT v FROM t").fetchall(); });
+    return out + rows_or_error([&] { return conn->execute("SELECT v FROM t").fetchall(); });
   }
 
   ScopedEnv readers_{mq::detail::kReadersEnv, "3"};
@@ -72,6 +127,105 @@ class Handle : public TempDirTest {
   std::optional<StatementTrace> trace;
   std::shared_ptr<mq::Connection> conn;  // a connection of its own to the handle's file
 };
+
+// ------------------------------------------------------------------ rules on text
+
+TEST(Classification, ReaderCountReadStatementsAndWhatAReaderCannotServe) {
+  const std::pair<std::optional<std::string>, int> counts[] = {
+      {std::nullopt, 6}, {"", 6},   {"   ", 6},  {"abc", 6},   {"4.5", 6},  {"+5", 5},       {"-1", 0},
+      {"0", 0},          {"32", 32}, {"33", 32}, {" 7 ", 7},   {"100", 32}, {"0x10", 6},     {"8 readers", 6},
+      {"\t12\n", 12},    {"+", 6},   {"--1", 6}, {"99999999999999999999999", 32}};
+  for (const auto& [value, expected] : counts) {
+    ScopedEnv env(mq::detail::kReadersEnv, value);
+    EXPECT_EQ(mq::reader_count(), expected) << value.value_or("<unset>");
+  }
+  for (const char* sql : {"  select * from files", "With t AS (SELECT 1) SELECT * FROM t", "WITHOUT", "SELECTED",
+                          "\n\tSELECT 1", "pragma user_version", " PRAGMA user_version ;; ", "PRAGMA user_version;"}) {
+    EXPECT_TRUE(mq::detail::_is_read_statement(sql)) << "'" << sql << "'";
+  }
+  for (const char* sql : {"PRAGMA user_version=5", "PRAGMA user_version = 5", "PRAGMA user_version; ;",
+                          "PRAGMA  user_version", "PRAGMA main.user_version", "INSERT INTO files (path) VALUES ('a')",
+                          "-- note\nSELECT 1", "(SELECT 1)", "EXPLAIN SELECT 1", "VALUES (1)", "PRAGMA page_count", "",
+                          "   ", "SELEC"}) {
+    EXPECT_FALSE(mq::detail::_is_read_statement(sql)) << "'" << sql << "'";
+  }
+  for (const auto& [message, expected] :
+       {std::pair{"attempt to write a readonly database", true}, {"UNABLE TO OPEN DATABASE FILE", true},
+        {"Attempt To Write A ReadOnly Database", true}, {"database is locked", false}, {"", false}}) {
+    EXPECT_EQ(mq::detail::_reader_cannot_serve(mq::OperationalError(message)), expected) << message;
+  }
+}
+
+TEST_F(Handle, GlobInBothSyntaxes) {
+  const auto rep = [](const std::string& s, int n) { std::string r; while (n-- > 0) r += s; return r; };
+  const std::tuple<std::string, std::string, bool, bool> cases[] = {
+      // pattern, path, matched in the path syntax, matched as a .gitignore line
+      {"*.py", "main.py", 1, 1}, {"*.py", "src/main.py", 0, 0}, {"*.py", "Main.PY", 0, 0},
+      {"src/*.py", "src/main.py", 1, 1}, {"src/*.py", "src/pkg/main.py", 0, 0}, {"src/**/*.py", "src/main.py", 1, 1},
+      {"src/**/*.py", "src/a/b/c/main.py", 1, 1}, {"src/**/*.py", "lib/a/main.py", 0, 0}, {"**/*.py", "main.py", 1, 1},
+      {"**/*.py", "a/b/main.py", 1, 1}, {"**/*.py", "a/b/main.pyc", 0, 0}, {"src/**", "src/anything/at/all", 1, 1},
+      {"src/**", "src", 0, 0}, {"src/**", "src/", 1, 1}, {"src/?.c", "src/a.c", 1, 1}, {"src/?.c", "src/ab.c", 0, 0},
+      {"src?a/c", "src/a/c", 0, 0}, {"[abc].c", "a.c", 1, 1}, {"[abc].c", "d.c", 0, 0}, {"[!abc].c", "d.c", 1, 1},
+      {"[^a]x", "bx", 1, 1}, {"[a-c].c", "b.c", 1, 1}, {"[a-c].c", "x.c", 0, 0}, {"[]]", "]", 1, 1},
+      {"[a-]", "-", 1, 1}, {"", "", 1, 1}, {"*", "", 1, 1}, {"", "a", 0, 0},
+      // A class never matches '/', nor in .gitignore lines reaches past one; an unclosed '[' is literal.
+      {"a[/]c", "a/c", 0, 0}, {"a[/]c", "a[/]c", 0, 1}, {"[.c", "[.c", 1, 1}, {"[a-", "[a-", 1, 0},
+      // Runs of stars fold to the meaning of the whole run; in .gitignore lines only a segment `**` crosses '/'.
+      {"a/**/**/**/b", "a/b", 1, 1}, {"a/**/**/**/b", "a/x/y/b", 1, 1}, {"***/b", "b", 0, 0},
+      {"***/b", "x/y/b", 1, 0}, {"****/b", "xb", 1, 0}, {"a**b", "ax/yb", 1, 0}, {"a**b", "axyb", 1, 1},
+      {"**/b", "ab", 0, 0},
+      // Escapes, named sets and unsigned byte ranges are for .gitignore lines.
+      {"a\\*", "a*", 0, 1}, {"a\\*", "a\\x", 1, 0}, {"a\\", "a\\", 1, 0}, {"a\\/b", "a\\/b", 1, 0},
+      {"[\\]]", "]", 0, 1}, {"[[:digit:]]x", "7x", 0, 1}, {"[[:digit:]]x", "d]x", 1, 0},
+      {"[[:nope:]]", "n]", 1, 0}, {"[a-\xff]", "b", 0, 1},
+      // Backtracking would take years over these.
+      {rep("**a", 10) + "b", rep("a", 80), 0, 0}, {rep("**a", 10) + "b", rep("a", 80) + "b", 1, 1},
+      {rep("**/a/", 10) + "b", rep("a/", 40) + "c", 0, 0}, {rep("**/a/", 10) + "b", rep("a/", 40) + "b", 1, 1},
+      {rep("**/", 300) + "x", rep("d/", 40) + "x", 1, 1}, {rep("*a", 150), rep("a", 150), 1, 1},
+      {rep("*a", 150), rep("a", 149), 0, 0},
+  };
+  for (const auto& [pattern, path, in_path_syntax, as_gitignore] : cases) {
+    const std::string what = "'" + pattern + "' ~ '" + path + "'";
+    EXPECT_EQ(mu::path_glob(path, pattern), in_path_syntax) << what;
+    EXPECT_EQ(query("SELECT path_glob(?, ?)", {path, pattern}), in_path_syntax ? "1;" : "0;") << what;
+    EXPECT_EQ(mu::Glob(pattern, mu::GlobSyntax::gitignore).matches(path), as_gitignore) << what;
+  }
+}
+
+TEST_F(Handle, PathFunctionsThroughSqlOnlyOnTheConnectionsThatRegisteredThem) {
+  const std::pair<mq::Value, const char*> parts[] = {
+      {"src/pkg/Mod.PY", "py|src/pkg|Mod.PY;"}, {"archive.tar.gz", "gz||archive.tar.gz;"}, {"Makefile", "||Makefile;"},
+      {"home/.bashrc", "|home|.bashrc;"}, {"dir.d/file", "|dir.d|file;"}, {"trailing.", "||trailing.;"},
+      {"a/b/", "|a/b|;"}, {"", "||;"}, {mq::Value(), "NULL|NULL|NULL;"}};
+  for (const auto& [p, want] : parts) EXPECT_EQ(query("SELECT path_ext(?1), path_dir(?1), path_name(?1)", {p}), want);
+  EXPECT_EQ(query("SELECT path_glob(NULL, '*'), path_glob('a', NULL)"), "NULL|NULL;");
+  // A pattern that changes from row to row is not taken for the one before.
+  EXPECT_EQ(query("SELECT sum(path_glob(column1, column2)) FROM (VALUES ('a.c', '*.c'), ('a.c', '*.h'), ('b.h', "
+                  "'*.h'))"), "2;");
+  EXPECT_EQ(raised([&] { conn->execute("SELECT path_ext('a.b')"); }), "OperationalError: no such function: path_ext");
+  conn->close();
+  EXPECT_EQ(raised([&] { mu::register_path_functions(*conn); }), "Error: Cannot operate on a closed database.");
+}
+
+TEST(QuotedRepr, FormsAsPythonsRepr) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"[1, 2]", "'[1, 2]'"}, {"", "''"}, {"it's", R"("it's")"}, {R"(say "hi")", R"('say "hi"')"},
+      {R"(a'b"c)", R"('a\'b"c')"}, {"back\\slash", R"('back\\slash')"}, {"a\nb\tc\rd", R"('a\nb\tc\rd')"},
+      {std::string("\x00\x01\x1f\x7f", 4), R"('\x00\x01\x1f\x7f')"},
+      // Printable beyond ASCII: a letter, an emoji, the last variation selector. Then controls, separators and
+      // format characters; unassigned code points, a noncharacter, private use and the last code point.
+      {"caf\xc3\xa9 \xf0\x9f\x98\x80 \xf3\xa0\x87\xaf", "'caf\xc3\xa9 \xf0\x9f\x98\x80 \xf3\xa0\x87\xaf'"},
+      {"\xc2\x85\xc2\xa0\xc2\xad", R"('\x85\xa0\xad')"},
+      {"\xe2\x80\xae\xe2\x81\xa6\xe2\x81\xa0", R"('\u202e\u2066\u2060')"},
+      {"\xe2\x80\x83\xe3\x80\x80\xe2\x80\xa8\xef\xbb\xbf\xf3\xa0\x80\x81", R"('\u2003\u3000\u2028\ufeff\U000e0001')"},
+      {"\xcd\xb7\xcd\xb8\xcd\xb9\xcd\xba", "'\xcd\xb7\\u0378\\u0379\xcd\xba'"},
+      {"\xef\xbf\xbf\xee\x80\x80\xf3\xb0\x80\x80\xf4\x8f\xbf\xbf", R"('\uffff\ue000\U000f0000\U0010ffff')"},
+      // Bytes that are not UTF-8 (a stray continuation byte, a lead byte cut short, an overlong form and an encoded
+      // surrogate) read apart from the control character of the same number.
+      {"\x85", R"('\udc85')"}, {"\xf0\x9f\x98", R"('\udcf0\udc9f\udc98')"}, {"\xc0\xaf", R"('\udcc0\udcaf')"},
+      {"\xed\xa0\x80!", R"('\udced\udca0\udc80!')"}};
+  for (const auto& [text, expected] : cases) EXPECT_EQ(mq::detail::quoted_repr(text), expected) << expected;
+}
 
 // ------------------------------------------------------------------ the access layer
 
@@ -135,9 +289,7 @@ TEST_F(Handle, StatementCacheReusesBoundedAndNeverSharesAStatement) {
   conn->execute("ALTER TABLE t ADD COLUMN extra DEFAULT 'z'");
   EXPECT_EQ(conn->execute("SELECT * FROM t").fetchone().value()["extra"].as_text(), "z");
 
-  mq::Connection::Options options;
-  options.statement_cache = 8;
-  auto small = mq::Connection::open(file, options);
+  auto small = mq::Connection::open(file, {.statement_cache = 8});
   for (int i = 0; i < 40; ++i) small->execute("SELECT " + std::to_string(i)).fetchone();
   EXPECT_EQ(prepared_statements(*small), 8);
   // Statements held by open cursors are never evicted from under them.
@@ -178,16 +330,10 @@ TEST_F(Handle, CursorsSurviveMovesAndTheirOwnersAndRefuseWorkOnceClosed) {
 TEST_F(Handle, StatementsGiveTheirRowsOrSqlitesMessageWithTheErrorKind) {
   conn->execute("CREATE TABLE u (id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE)");
   conn->execute("INSERT INTO u (id, name) VALUES (1, 'a')");
-  mq::Connection::Options readonly;
-  readonly.readonly = true;
-  auto reader = mq::Connection::open(file, readonly);
+  auto reader = mq::Connection::open(file, {.readonly = true});
   std::ofstream(path("garbage.db"), std::ios::binary) << std::string(4096, 'x');
   auto garbage = mq::Connection::open(path("garbage.db").string());  // nothing read yet
-  const struct {
-    std::shared_ptr<mq::Connection> on;
-    const char* sql;
-    std::string result;
-  } cases[] = {
+  const std::tuple<std::shared_ptr<mq::Connection>, const char*, std::string> cases[] = {
       // Empty statements and comments are no statement, and no second one.
       {conn, " SELECT 5 ;; /* a note */ -- and another", "5;"}, {conn, "", ""}, {conn, " ;", ""},
       {conn, "-- a note", ""}, {conn, "/* a note */", ""},
@@ -199,9 +345,8 @@ TEST_F(Handle, StatementsGiveTheirRowsOrSqlitesMessageWithTheErrorKind) {
       {conn, "INSERT INTO u (id, name) VALUES (3, NULL)", "Error: NOT NULL constraint failed: u.name"},
       {conn, "SELECT ?",
        "Error: Incorrect number of bindings supplied. The current statement uses 1, and there are 0 supplied."},
-      {conn, "SELECT 1; SELECT 2", "Error: You can only execute one statement at a time."},
-  };
-  for (const auto& c : cases) EXPECT_EQ(rows_or_error([&] { return c.on->execute(c.sql).fetchall(); }), c.result);
+      {conn, "SELECT 1; SELECT 2", "Error: You can only execute one statement at a time."}};
+  for (const auto& [on, sql, want] : cases) EXPECT_EQ(rows_or_error([&] { return on->execute(sql).fetchall(); }), want);
   EXPECT_EQ(raised([&] { (void)mq::Connection::open(path("missing/dir/x.db").string()); }),
             "OperationalError: unable to open database file");
 }
@@ -220,9 +365,9 @@ TEST_F(Handle, AnotherProcessesWriteLockMakesAWriteWaitOrFailAsLocked) {
 
 // A full-text table re-created by another connection can fail a prepare with
 // "vtable constructor failed" for a moment; outside a transaction the layer
-// prepares again, a bounded number of times. With its config table renamed
-// away the table fails for good; renamed back from the authoriser (asked at
-// every prepare) it comes back between two attempts.
+// prepares again, a bounded number of times. With its config table renamed away
+// it fails for good; renamed back by the authoriser (asked at every prepare) it
+// comes back between two attempts.
 TEST_F(Handle, FullTextTableThatCannotLoadIsPreparedAgainABoundedNumberOfTimes) {
   const auto fts = path("fts.db").string();
   auto writer = mq::Connection::open(fts);
@@ -283,7 +428,7 @@ TEST_F(Handle, QueriesRunOnThePoolWhenTheyMayAndFailuresThereAreNotRetried) {
                    "supplied.", 0}};
   for (const auto& [sql, result, on_writer] : cases) {
     EXPECT_EQ(query(sql), result) << sql;
-    EXPECT_EQ(query(sql, true), result) << sql;
+    EXPECT_EQ(query(sql, {}, true), result) << sql;
     EXPECT_EQ(trace->count(sql), on_writer) << sql;
   }
   EXPECT_EQ(query("SELECT v FROM t WHERE id > 1"), "r;r;w;w;");
@@ -458,7 +603,7 @@ TEST_F(Handle, TransactionsBeginOnceAndEndAtTheOutermostScope) {
       EXPECT_EQ(db->impl()._tx_owner.load(), std::this_thread::get_id());
       db->execute("INSERT INTO t (v) VALUES ('x')");
       db->executemany("INSERT INTO t (v) VALUES (?)", {{"y"}, {"z"}});
-      EXPECT_EQ(query("SELECT count(*) FROM t", true), "3;");  // on the writer: its own writes
+      EXPECT_EQ(query("SELECT count(*) FROM t", {}, true), "3;");  // on the writer: its own writes
       throw std::out_of_range("after the owner's writes");
     });
   };
@@ -504,7 +649,7 @@ TEST_F(Handle, AnotherThreadWaitsForTheWholeTransactionExceptToRead) {
 TEST_F(Handle, NewFileGetsEveryIndexTableAtTheCurrentVersionAndASecondRunChangesNothing) {
   db->create_schema();
   EXPECT_EQ(query("SELECT type, name FROM sqlite_master WHERE type <> 'index' AND name NOT LIKE 'code_chunks_%' "
-                "ORDER BY 1, 2"),
+                  "ORDER BY 1, 2"),
             "table|code_chunks;table|components;table|edges;table|external_imports;table|files;table|index_errors;"
             "table|pending_references;table|schema_info;table|symbols;table|t;"
             "trigger|files_delete_code_chunks;");
@@ -522,12 +667,12 @@ TEST_F(Handle, IndexRowsNeedTheirParentsAndGoWithThem) {
   query("INSERT INTO components (id, name) VALUES (7, 'core')");
   query("INSERT INTO files (id, path, language, component_id) VALUES (1, 'a.c', 'c', 7), (2, 'b.c', 'c', 7)");
   query("INSERT INTO symbols (id, file_id, name, fqn, kind, parent_id) VALUES "
-      "(1, 1, 'a', 'a', 'module', NULL), (2, 1, 'f', 'a.f', 'function', 1), (3, 1, 'g', 'a.g', 'function', 1)");
+        "(1, 1, 'a', 'a', 'module', NULL), (2, 1, 'f', 'a.f', 'function', 1), (3, 1, 'g', 'a.g', 'function', 1)");
   query("INSERT INTO edges (source_id, target_id, kind) VALUES (2, 3, 'calls')");
   query("INSERT INTO external_imports (file_id, module) VALUES (1, 'stdio')");
   // The first and last chunk of file 1, and the first of file 2, its neighbour in rowid order.
   query("INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES "
-      "(1048576, 'int alpha;', 1, 1, 1), (2097151, 'int omega;', 9, 9, 0), (2097152, 'int beta;', 1, 1, 1)");
+        "(1048576, 'int alpha;', 1, 1, 1), (2097151, 'int omega;', 9, 9, 0), (2097152, 'int beta;', 1, 1, 1)");
   // Children before parents are refused: the order of a bulk copy matters.
   for (const char* orphan : {"files (id, path, component_id) VALUES (3, 'c.c', 8)",
                              "symbols (id, file_id, name, fqn, kind) VALUES (4, 9, 'f', 'f', 'function')",
@@ -541,7 +686,7 @@ TEST_F(Handle, IndexRowsNeedTheirParentsAndGoWithThem) {
   EXPECT_EQ(query("SELECT id, component_id FROM files"), "1|NULL;2|NULL;");
   query("DELETE FROM files WHERE id = 1");
   EXPECT_EQ(query("SELECT (SELECT count(*) FROM symbols), (SELECT count(*) FROM edges), "
-                "(SELECT count(*) FROM external_imports)"),
+                  "(SELECT count(*) FROM external_imports)"),
             "0|0|0;");
   EXPECT_EQ(query("SELECT rowid FROM code_chunks"), "2097152;");
   EXPECT_EQ(query("SELECT count(*) FROM code_chunks WHERE code_chunks MATCH 'alpha OR omega'"), "0;");
