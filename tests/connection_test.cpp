@@ -2,10 +2,12 @@
 // access layer on real files, with another process holding the write lock and
 // a full-text table that cannot load; which connection of a handle runs a
 // query (the read pool when it may, the writer connection, traced on its
-// handle, when it must); the read pool, connect and close, nested transactions.
+// handle, when it must); the read pool, connect and close, nested transactions
+// and the index tables.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <fstream>
 #include <functional>
 #include <future>
@@ -268,6 +270,7 @@ TEST_F(Handle, RowcountCountsChangedRowsAndIsNegativeOtherwise) {
   EXPECT_FALSE(many.fetchone());
   EXPECT_EQ(query("SELECT count(*) FROM t WHERE typeof(v) = 'integer'"), "3;");
   EXPECT_EQ(conn->executemany("DELETE FROM t WHERE id = ?", {}).rowcount(), 0);
+  EXPECT_EQ(conn->executemany("PRAGMA user_version = 4", {{}}).rowcount(), -1);
   EXPECT_EQ(raised([&] { conn->executemany("SELECT v FROM t WHERE id = ?", {{1}}); }),
             "Error: executemany() can only execute DML statements.");
 }
@@ -541,8 +544,6 @@ TEST_F(Handle, ConnectSetsTheFileUpAndOpensAPoolOnlyInWalModeWithReaders) {
       {path("none.db").string(), "0", "0 " + fresh},
       {":memory:", std::nullopt, "0 8192 2 memory 1 1"},
       {"", std::nullopt, "0 8192 2 delete 1 1"}};  // a temporary file, which refuses WAL
-  TestDb untouched(path("repo/memory/index.db"));
-  EXPECT_FALSE(std::filesystem::exists(path("repo")));  // the constructor makes nothing
   for (const auto& [name, readers, expected] : cases) {
     ScopedEnv env(mq::detail::kReadersEnv, readers);
     TestDb handle(name);
@@ -618,26 +619,28 @@ TEST_F(Handle, AnotherThreadWaitsForTheWholeTransactionExceptToRead) {
     EXPECT_EQ(query("SELECT count(*) FROM t"), "2;");  // on the writer, once the transaction is over
     db->impl()._readers.store(pool);
   };
-  // What the other thread does meanwhile, and how it all ends.
-  const std::pair<std::function<void()>, std::string> others[] = {
-      {[&] { db->execute("INSERT INTO t (v) VALUES ('after')"); }, " | BEGIN COMMIT | a;b;after;"},
-      {[&] { db->executemany("INSERT INTO t (v) VALUES (?)", {{"after"}}); }, " | BEGIN COMMIT | a;b;after;"},
-      {[&] { db->transaction(after); }, " | BEGIN COMMIT BEGIN COMMIT | a;b;after;"},
-      {[&] { EXPECT_EQ(query("SELECT count(*) FROM t"), "0;"); }, " | BEGIN COMMIT | a;b;"},  // on the pool, at once
-      {without_pool, " | BEGIN COMMIT | a;b;"},
-      {[&] { db->close(); }, " | BEGIN COMMIT | a;b;"}};
-  for (const auto& [other, expected] : others) {
+  // What the other thread does meanwhile, whether it has to wait, and how it all ends.
+  const std::tuple<std::function<void()>, bool, std::string> others[] = {
+      {[&] { db->execute("INSERT INTO t (v) VALUES ('after')"); }, true, " | BEGIN COMMIT | a;b;after;"},
+      {[&] { db->executemany("INSERT INTO t (v) VALUES (?)", {{"after"}}); }, true, " | BEGIN COMMIT | a;b;after;"},
+      {[&] { db->transaction(after); }, true, " | BEGIN COMMIT BEGIN COMMIT | a;b;after;"},
+      {[&] { EXPECT_EQ(query("SELECT count(*) FROM t"), "0;"); }, false, " | BEGIN COMMIT | a;b;"},  // on the pool
+      {without_pool, true, " | BEGIN COMMIT | a;b;"},
+      {[&] { db->close(); }, true, " | BEGIN COMMIT | a;b;"}};
+  for (const auto& [other, waits, expected] : others) {
     const auto owner_and_other = [&] {
-      std::promise<void> inside;
+      std::promise<void> inside, done;
       const auto owner = [&](mq::Cursor& c) {
         c.execute("INSERT INTO t (v) VALUES ('a')");
         inside.set_value();
-        std::this_thread::sleep_for(200ms);  // the other thread is waiting now
+        // The other thread waits now, or, if it need not, ends before the transaction does.
+        waits ? std::this_thread::sleep_for(200ms) : (void)done.get_future().wait_for(30s);
         c.execute("INSERT INTO t (v) VALUES ('b')");
       };
       std::thread thread([&] { raised([&] { db->transaction(owner); }); });  // a failure shows in what is stored
       inside.get_future().wait();
       other();
+      done.set_value();
       thread.join();
     };
     EXPECT_EQ(outcome(owner_and_other), expected);
