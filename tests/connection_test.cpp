@@ -158,8 +158,9 @@ TEST(Classification, ReaderCountReadStatementsAndWhatAReaderCannotServe) {
   }
 }
 
+std::string rep(const std::string& s, int n) { return n > 0 ? s + rep(s, n - 1) : ""; }
+
 TEST_F(Handle, GlobInBothSyntaxes) {
-  const auto rep = [](const std::string& s, int n) { std::string r; while (n-- > 0) r += s; return r; };
   const std::tuple<std::string, std::string, bool, bool> cases[] = {
       // pattern, path, matched in the path syntax, matched as a .gitignore line
       {"*.py", "main.py", 1, 1}, {"*.py", "src/main.py", 0, 0}, {"*.py", "Main.PY", 0, 0},
@@ -184,8 +185,7 @@ TEST_F(Handle, GlobInBothSyntaxes) {
       {rep("**a", 10) + "b", rep("a", 80), 0, 0}, {rep("**a", 10) + "b", rep("a", 80) + "b", 1, 1},
       {rep("**/a/", 10) + "b", rep("a/", 40) + "c", 0, 0}, {rep("**/a/", 10) + "b", rep("a/", 40) + "b", 1, 1},
       {rep("**/", 300) + "x", rep("d/", 40) + "x", 1, 1}, {rep("*a", 150), rep("a", 150), 1, 1},
-      {rep("*a", 150), rep("a", 149), 0, 0},
-  };
+      {rep("*a", 150), rep("a", 149), 0, 0}};
   for (const auto& [pattern, path, in_path_syntax, as_gitignore] : cases) {
     const std::string what = "'" + pattern + "' ~ '" + path + "'";
     EXPECT_EQ(mu::path_glob(path, pattern), in_path_syntax) << what;
