@@ -1,7 +1,7 @@
-// Figures the reliability suite reports: each test appends "key<TAB>value"
-// lines to the file named by QUORVI_RELIABILITY_REPORT (when set), and the
-// suite's runner adds them up. O_APPEND keeps lines from several processes
-// whole.
+// Figures of the reliability suite: each test appends "key<TAB>value" lines to
+// the file named by QUORVI_RELIABILITY_REPORT (when set), and
+// scripts/reliability.sh adds them up. O_APPEND keeps lines of several
+// processes whole.
 #pragma once
 
 #include <fcntl.h>
@@ -25,18 +25,17 @@ inline void report_figure(std::string_view key, std::int64_t value) {
   ::close(fd);
 }
 
-// QUORVI_RELIABILITY_SCALE=full runs the long versions (hundreds of crashes,
-// longer stress); "exhaustive" is the full run with every fault point of
-// every operation visited, which takes hours; anything else runs the quick
-// ones that CI can afford.
-inline bool exhaustive_scale() {
+// QUORVI_RELIABILITY_SCALE: "full" runs the long versions, "exhaustive" the
+// long ones with every fault point visited (hours); anything else the quick
+// ones CI can afford.
+inline std::string_view reliability_scale() {
   const char* scale = std::getenv("QUORVI_RELIABILITY_SCALE");
-  return scale != nullptr && std::string_view(scale) == "exhaustive";
+  return scale ? scale : "quick";
 }
-
-inline bool full_scale() {
-  const char* scale = std::getenv("QUORVI_RELIABILITY_SCALE");
-  return exhaustive_scale() || (scale != nullptr && std::string_view(scale) == "full");
+inline bool exhaustive_scale() { return reliability_scale() == "exhaustive"; }
+template <class T>
+T scaled(T quick, T full) {
+  return exhaustive_scale() || reliability_scale() == "full" ? full : quick;
 }
 
 // The seed of a randomised test: QUORVI_CRASH_SEED replays a failed run,
@@ -44,12 +43,6 @@ inline bool full_scale() {
 inline std::uint32_t crash_seed() {
   if (const char* fixed = std::getenv("QUORVI_CRASH_SEED")) return static_cast<std::uint32_t>(std::stoul(fixed));
   return std::random_device{}();
-}
-
-// `quick` in a normal run, `full` in the full and exhaustive ones.
-template <class T>
-T scaled(T quick, T full) {
-  return full_scale() ? full : quick;
 }
 
 }  // namespace marsk_quorvi::testing
