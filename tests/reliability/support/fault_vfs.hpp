@@ -7,7 +7,7 @@
 // through it. It counts the operations of each kind and, once armed, fails the
 // Nth one of a kind (or of any kind) with the error SQLite's Unix VFS would
 // report for it, or with a full disk, once or from then on until disarmed.
-// Counters are atomics: connections on several threads may use it at once.
+// The counters are atomics: connections on several threads may use it at once.
 #pragma once
 
 #include <sqlite3.h>
@@ -39,19 +39,13 @@ inline std::string to_string(const Fault& f) {
          (f.error == FaultError::full ? " disk full" : " I/O error") + (f.persistent ? " from then on" : " once");
 }
 
-inline int fault_code(FaultOp op, FaultError error) {
-  static const int codes[] = {SQLITE_IOERR_WRITE, SQLITE_IOERR_FSYNC, SQLITE_IOERR_TRUNCATE, SQLITE_CANTOPEN,
-                              SQLITE_IOERR_READ,  SQLITE_IOERR_DELETE, SQLITE_IOERR};
-  return error == FaultError::full ? SQLITE_FULL : codes[static_cast<int>(op)];
-}
-
 class FaultVfs {
  public:
   FaultVfs() {
-    if (s().installed.exchange(true)) throw std::logic_error("a FaultVfs is installed already");
+    if (installed_.exchange(true)) throw std::logic_error("a FaultVfs is installed already");
     sqlite3_initialize();
-    // Connections opened through the wrapper keep pointing at it after it
-    // stops being the default: it and what it wraps live as long as the process.
+    // Connections opened through the wrapper keep using it after it stops
+    // being the default, so it lives as long as the process.
     static sqlite3_vfs* const real = sqlite3_vfs_find(nullptr);
     static sqlite3_vfs vfs = [] {
       sqlite3_vfs v = *real;
@@ -65,77 +59,69 @@ class FaultVfs {
         return rc;
       };
       v.xDelete = [](sqlite3_vfs*, const char* name, int sync_dir) {
-        if (int rc = check(FaultOp::remove)) return rc;
-        return real->xDelete(real, name, sync_dir);
+        const int rc = check(FaultOp::remove);
+        return rc ? rc : real->xDelete(real, name, sync_dir);
       };
       return v;
     }();
-    disarm();
-    reset_counts();
-    s().real = real;
+    real_ = real;
     sqlite3_vfs_register(&vfs, 1);
-    s().vfs = &vfs;
   }
   ~FaultVfs() {
     disarm();
-    sqlite3_vfs_unregister(s().vfs);
-    sqlite3_vfs_register(s().real, 1);
-    s().installed = false;
+    sqlite3_vfs_unregister(sqlite3_vfs_find("quorvi-fault"));
+    sqlite3_vfs_register(real_, 1);
+    installed_ = false;
   }
   FaultVfs(const FaultVfs&) = delete;
   FaultVfs& operator=(const FaultVfs&) = delete;
 
   // Resets the counts and arms `fault`.
   void arm(const Fault& fault) {
-    s().armed = false;
-    reset_counts();
-    s().fired = 0;
-    s().fault = fault;
-    s().armed = true;
+    disarm();
+    for (auto& c : counts_) c = 0;
+    fired_ = 0;
+    fault_ = fault;
+    armed_ = true;
   }
-  void disarm() { s().armed = false; }
-  void reset_counts() {
-    for (auto& c : s().counts) c = 0;
-  }
-  std::int64_t count(FaultOp op) const { return s().counts[static_cast<int>(op)]; }
-  std::int64_t fired() const { return s().fired; }
-  static const char* name() { return "quorvi-fault"; }
+  void disarm() { armed_ = false; }
+  // Operations of `op` since the last arm, and those failed.
+  std::int64_t count(FaultOp op) const { return counts_[static_cast<int>(op)]; }
+  std::int64_t fired() const { return fired_; }
 
  private:
-  struct State {
-    sqlite3_vfs* real = nullptr;
-    sqlite3_vfs* vfs = nullptr;
-    std::atomic<bool> installed{false}, armed{false};
-    Fault fault;  // written only while disarmed
-    std::array<std::atomic<std::int64_t>, 7> counts{};
-    std::atomic<std::int64_t> fired{0};
-  };
-  static State& s() {
-    static State state;
-    return state;
-  }
+  static inline sqlite3_vfs* real_ = nullptr;
+  static inline std::atomic<bool> installed_{false}, armed_{false};
+  static inline Fault fault_;  // written only while disarmed
+  static inline std::array<std::atomic<std::int64_t>, 7> counts_{};
+  static inline std::atomic<std::int64_t> fired_{0};
 
   // Counts one operation and tells whether it fails, with which code.
   static int check(FaultOp op) {
-    const std::int64_t of_kind = ++s().counts[static_cast<int>(op)];
-    const std::int64_t of_any = ++s().counts[static_cast<int>(FaultOp::any)];
-    if (!s().armed) return SQLITE_OK;
-    const Fault& f = s().fault;
-    if (f.op != FaultOp::any && f.op != op) return SQLITE_OK;
-    const std::int64_t n = f.op == FaultOp::any ? of_any : of_kind;
-    if (f.persistent ? n < f.nth : n != f.nth) return SQLITE_OK;
-    ++s().fired;
-    return fault_code(op, f.error);
+    const std::int64_t of_kind = ++counts_[static_cast<int>(op)];
+    const std::int64_t of_any = ++counts_[static_cast<int>(FaultOp::any)];
+    if (!armed_ || (fault_.op != FaultOp::any && fault_.op != op)) return SQLITE_OK;
+    const std::int64_t n = fault_.op == FaultOp::any ? of_any : of_kind;
+    if (fault_.persistent ? n < fault_.nth : n != fault_.nth) return SQLITE_OK;
+    ++fired_;
+    static const int codes[] = {SQLITE_IOERR_WRITE, SQLITE_IOERR_FSYNC, SQLITE_IOERR_TRUNCATE, SQLITE_CANTOPEN,
+                                SQLITE_IOERR_READ,  SQLITE_IOERR_DELETE, SQLITE_IOERR};
+    return fault_.error == FaultError::full ? SQLITE_FULL : codes[static_cast<int>(op)];
   }
 
-  // The real file keeps its own state; only its method table is swapped for
-  // a copy whose read, write, truncate and sync count first. The copy starts
-  // with the table, so a file's methods lead back to the real ones.
+  // A file keeps the real VFS's state; only its method table is swapped for a
+  // copy whose read, write, truncate and sync count first (a failed write
+  // writes nothing: the disk refused it). The copy leads with the table, so a
+  // file's methods lead back to the real ones.
   struct Patched {
     sqlite3_io_methods methods;
     const sqlite3_io_methods* real;
   };
-  static const sqlite3_io_methods* real_of(sqlite3_file* f) { return reinterpret_cast<const Patched*>(f->pMethods)->real; }
+  template <FaultOp Op, auto Method, class... Args>
+  static int counted(sqlite3_file* f, Args... args) {
+    const int rc = check(Op);
+    return rc ? rc : (reinterpret_cast<const Patched*>(f->pMethods)->real->*Method)(f, args...);
+  }
   static const sqlite3_io_methods* patched(const sqlite3_io_methods* real) {
     static std::mutex mu;
     static std::map<const sqlite3_io_methods*, std::unique_ptr<Patched>> tables;
@@ -143,23 +129,10 @@ class FaultVfs {
     auto& p = tables[real];
     if (!p) {
       p = std::make_unique<Patched>(Patched{*real, real});
-      p->methods.xRead = [](sqlite3_file* f, void* buf, int n, sqlite3_int64 at) {
-        const int rc = check(FaultOp::read);
-        return rc ? rc : real_of(f)->xRead(f, buf, n, at);
-      };
-      // A failed write writes nothing: the disk refused it.
-      p->methods.xWrite = [](sqlite3_file* f, const void* buf, int n, sqlite3_int64 at) {
-        const int rc = check(FaultOp::write);
-        return rc ? rc : real_of(f)->xWrite(f, buf, n, at);
-      };
-      p->methods.xTruncate = [](sqlite3_file* f, sqlite3_int64 size) {
-        const int rc = check(FaultOp::truncate);
-        return rc ? rc : real_of(f)->xTruncate(f, size);
-      };
-      p->methods.xSync = [](sqlite3_file* f, int flags) {
-        const int rc = check(FaultOp::sync);
-        return rc ? rc : real_of(f)->xSync(f, flags);
-      };
+      p->methods.xRead = counted<FaultOp::read, &sqlite3_io_methods::xRead, void*, int, sqlite3_int64>;
+      p->methods.xWrite = counted<FaultOp::write, &sqlite3_io_methods::xWrite, const void*, int, sqlite3_int64>;
+      p->methods.xTruncate = counted<FaultOp::truncate, &sqlite3_io_methods::xTruncate, sqlite3_int64>;
+      p->methods.xSync = counted<FaultOp::sync, &sqlite3_io_methods::xSync, int>;
     }
     return &p->methods;
   }
