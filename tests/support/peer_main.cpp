@@ -1,30 +1,21 @@
-// A second process for tests: opens an index file the way another service
-// process would and reports what it sees on standard output.
-//
-//   peer generation DB        prints the index generation
-//   peer query DB SQL         prints each row, columns joined by '|'
-//   peer exec DB SQL          runs one statement through execute
-//   peer hold DB SECONDS      keeps a connection open, prints "ready", sleeps
-//   peer snapshot DB SECONDS  holds a read transaction (and its snapshot of the
-//                             write-ahead log), prints "ready", sleeps
-//   peer lock DB SECONDS      holds the file's write lock (BEGIN IMMEDIATE),
-//                             prints "ready", sleeps, then commits
-//   peer watch DB SQL UNTIL   runs the query over and over, printing each
-//                             result that differs from the one before (columns
-//                             joined by '|'), until the result is UNTIL; gives
-//                             up with status 3 after 120 seconds
-//   peer observe DB SQL STOP  opens DB as a service process does (connect,
-//                             create_schema, migrate_schema) and does what
-//                             watch does, a look every 2 ms, until the file
-//                             STOP exists; then prints "observations N"; gives
-//                             up with status 3 after 900 seconds
-//   peer swap-loop DB DIR [COUNT]
-//                             opens DB the same way, prints "ready G", then
-//                             swaps in DIR/staging-N.db, N = G mod K at
-//                             generation G for the K files there: "swapping G
-//                             -> G+1 from staging-N" before each swap,
-//                             "swapped G+1" after it, the module's info lines
-//                             from the open on; COUNT swaps, or never ending
+// A second process for tests, opening an index file as another service
+// process would and printing what it sees (rows as columns joined by '|'):
+//   generation DB              the index generation
+//   query DB SQL, exec DB SQL  each row of a query; one statement through execute
+//   hold DB SECONDS            a connection open: prints "ready", sleeps
+//   snapshot DB SECONDS        the same inside a read transaction (a WAL snapshot)
+//   lock DB SECONDS            the write lock (BEGIN IMMEDIATE): "ready", sleeps, commits
+//   watch DB SQL UNTIL         each result that differs from the one before, until
+//                              it is UNTIL; status 3 after 120 seconds
+//   observe DB SQL STOP        opens DB as a service does (connect, create_schema,
+//                              migrate_schema), then as watch, a look every 2 ms,
+//                              until the file STOP exists: "observations N";
+//                              status 3 after 900 seconds
+//   swap-loop DB DIR [COUNT]   opens DB the same way: "ready G"; then at each
+//                              generation G swaps in DIR/staging-(G mod K).db of
+//                              the K there, "swapping G -> G+1 from staging-N"
+//                              before and "swapped G+1" after, with the module's
+//                              info lines; COUNT swaps, or no end
 #include <spdlog/sinks/stdout_sinks.h>
 
 #include <chrono>
