@@ -1,6 +1,6 @@
 // A disk that fails or fills up at any read, write, sync, truncate, open or
-// delete of an operation must leave exactly one of the states the operation
-// commits on its way, a sound file, and a handle that goes on to the last one.
+// delete of an operation, or a staging file that is bad, must leave exactly a
+// state the operation commits, a sound file, and a handle that goes on.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <unistd.h>
@@ -9,6 +9,7 @@
 #include <atomic>
 #include <fstream>
 #include <functional>
+#include <future>
 
 #include "marsk_quorvi/storage/storage_size.hpp"
 #include "reliability/support/fault_vfs.hpp"
@@ -22,66 +23,6 @@ namespace {
 
 namespace fs = std::filesystem;
 constexpr std::int64_t kPage = storage::storage_size::PAGE_SIZE;
-
-using FaultVfsTest = TempDirTest;
-
-TEST_F(FaultVfsTest, TheNthOperationOfAKindFailsWithItsCodeAndOnePastTheLastDoesNot) {
-  const struct {
-    FaultOp op;
-    FaultError error;
-    int code;
-    const char* message;
-  } cases[] = {
-      {FaultOp::write, FaultError::io, SQLITE_IOERR_WRITE, "disk I/O error"},
-      {FaultOp::write, FaultError::full, SQLITE_FULL, "database or disk is full"},
-      {FaultOp::sync, FaultError::io, SQLITE_IOERR_FSYNC, "disk I/O error"},
-      {FaultOp::truncate, FaultError::io, SQLITE_IOERR_TRUNCATE, "disk I/O error"},
-      {FaultOp::open, FaultError::io, SQLITE_CANTOPEN, "unable to open database file"},
-      {FaultOp::read, FaultError::io, SQLITE_IOERR_READ, "disk I/O error"},
-      {FaultOp::remove, FaultError::io, SQLITE_IOERR_DELETE, "disk I/O error"},
-  };
-  storage::Connection::open(path("base.db").string())
-      ->executescript("CREATE TABLE t (v TEXT); INSERT INTO t VALUES (hex(randomblob(3000)))");
-  FaultVfs vfs;
-  // From the same file the same insert does the same operations. A DELETE
-  // journal is removed at the commit, a TRUNCATE one cut.
-  auto insert = [&](const auto& c, std::int64_t nth, std::int64_t& total) {
-    fs::remove(path("work.db-journal"));
-    fs::copy_file(path("base.db"), path("work.db"), fs::copy_options::overwrite_existing);
-    std::string failure;
-    {
-      auto conn = storage::Connection::open(path("work.db").string());
-      conn->executescript(std::string("PRAGMA synchronous=FULL; PRAGMA journal_mode=") +
-                          (c.op == FaultOp::remove ? "DELETE" : "TRUNCATE"));
-      vfs.arm({c.op, nth, c.error});
-      try {
-        conn->execute("INSERT INTO t VALUES ('" + std::string(6000, 'x') + "')");
-      } catch (const storage::Error& e) {
-        failure = std::to_string(sqlite3_extended_errcode(conn->handle())) + " " + e.what();
-      }
-      vfs.disarm();
-      total = vfs.count(c.op);
-    }
-    auto after = storage::Connection::open(path("work.db").string());
-    EXPECT_EQ((*after->execute("PRAGMA integrity_check").fetchone())[0].to_text(), "ok");
-    return failure + " rows " + (*after->execute("SELECT COUNT(*) FROM t").fetchone())[0].to_text();
-  };
-  for (const auto& c : cases) {
-    const std::string failure = std::to_string(c.code) + " " + c.message;
-    SCOPED_TRACE(failure);
-    std::int64_t total = 0, again = 0;
-    ASSERT_EQ(insert(c, INT64_MAX, total), " rows 2");
-    ASSERT_GT(total, 0);
-    EXPECT_EQ(insert(c, total + 1, again), " rows 2");
-    EXPECT_EQ(vfs.fired(), 0);
-    EXPECT_EQ(again, total);
-    // The journal's last sync, cut or removal may come at the commit point or after it.
-    const bool late = c.op == FaultOp::sync || c.op == FaultOp::truncate || c.op == FaultOp::remove;
-    const std::string failed = insert(c, total, again);
-    EXPECT_TRUE(failed == failure + " rows 1" || (late && failed == failure + " rows 2")) << failed;
-    EXPECT_EQ(vfs.fired(), 1);
-  }
-}
 
 std::int64_t pragma(storage::Database& db, const std::string& name) {
   return (*db.fetchone("PRAGMA " + name))[0].as_int();
@@ -244,7 +185,7 @@ const std::vector<Scenario> kScenarios = {
      },
      .run = [](TestDb& db) { return db.swap_index_from(db.db_path.parent_path() / "staging.db").to_string(); },
      .quick_points = 6,
-     .after = [](TestDb& db, const Outcome& out, const State&, LogCapture&) {
+     .after = [](TestDb& db, const Outcome& out, auto&, auto&) {
        const auto names = attached(db);
        EXPECT_EQ(std::count(names.begin(), names.end(), "stg"), 0) << "the staging file stayed attached";
        EXPECT_EQ(snapshot(db.db_path.parent_path() / "staging.db"), staging_before) << "the staging file changed";
@@ -256,7 +197,7 @@ const std::vector<Scenario> kScenarios = {
     {.name = "refresh_extractor_stamp",
      .prepare = [](const fs::path& dir) { return seeded(dir / "small.db"); },
      .run = [](TestDb& db) { return std::to_string(db.refresh_extractor_stamp({{"c", 1}, {"py", 2}})); },
-     .after = [](TestDb&, const Outcome& out, const State&, LogCapture&) {
+     .after = [](TestDb&, const Outcome& out, auto&, auto&) {
        if (!out.raised) EXPECT_EQ(out.result, "40");
      }},
     {.name = "compact_steps",
@@ -264,7 +205,7 @@ const std::vector<Scenario> kScenarios = {
      .run = compact,
      .all_or_nothing = false,
      .quick_points = 6,
-     .after = [](TestDb& db, const Outcome& out, const State&, LogCapture&) {
+     .after = [](TestDb& db, const Outcome& out, auto&, auto&) {
        expect_reported(out);
        if (!out.fired) EXPECT_GT(last.pages_released, 2 * storage::COMPACT_STEP_PAGES) << "fewer than three steps";
        EXPECT_EQ(db.compact().skipped, std::nullopt);
@@ -275,7 +216,7 @@ const std::vector<Scenario> kScenarios = {
      .run = compact,
      .all_or_nothing = false,
      .quick_points = 6,
-     .after = [](TestDb& db, const Outcome& out, const State&, LogCapture&) {
+     .after = [](TestDb& db, const Outcome& out, auto&, auto&) {
        expect_reported(out);
        EXPECT_TRUE(out.fired || last.converted);
        if (last.skipped) EXPECT_TRUE(db.impl()._conversion_failed.load()) << "a failed rewrite is not marked";
@@ -289,26 +230,10 @@ const std::vector<Scenario> kScenarios = {
        next.connect();
        EXPECT_TRUE(next.compact().converted);
      }},
-    // The first removal is the log's, as the journal leaves WAL mode: SQLite
-    // lets it fail silently, and the switch back to WAL replays the stale log
-    // over the rewritten pages. The rewrite does not guard against that yet.
-    {.name = "rewrite_pages",
-     .prepare = [](const fs::path& dir) { return small_pages(dir / "pages.db", false); },
-     .run = returning_nothing([](TestDb& db) { db.impl()._rewrite_pages(); }),
-     .all_or_nothing = false,
-     .after = [](TestDb& db, const Outcome& out, const State&, LogCapture&) {
-       if (!out.fired) EXPECT_EQ(pragma(db, "page_size"), kPage);
-       // A rewrite that got through is not done again; the next open puts the
-       // journal back in WAL mode and opens the pool.
-       db.impl()._rewrite_pages();
-       EXPECT_EQ(pragma(db, "page_size"), kPage);
-       db.close();
-       db.connect();
-       EXPECT_EQ(journal_mode(db), "wal");
-       EXPECT_NE(db.impl()._readers.load(), nullptr);
-     },
-     .first_delete = 2},
-    // connect, create_schema, each migration step and the page rewrite.
+    // connect, create_schema, each migration step and the page rewrite. The
+    // first removal is the log's as the journal leaves WAL mode: SQLite lets
+    // it fail silently, and the switch back to WAL replays the stale log over
+    // the rewritten pages. The rewrite does not guard against that yet.
     {.name = "open_older_build",
      .prepare = [](const fs::path& dir) { return small_pages(dir / "older.db", true); },
      .run = open_index,
@@ -431,7 +356,7 @@ TEST_P(FaultSweep, EveryFaultLeavesACommittedStateAndAHandleThatGoesOn) {
   }
   if (s.all_or_nothing) ASSERT_EQ(states.size(), 2u) << "one commit that changes the rows";
 
-  std::int64_t fired_points = 0, checked = 0;
+  std::int64_t fired_points = 0, reached = 0, checked = 0;
   for (Fault fault : kKinds) {
     const std::int64_t total = totals[static_cast<int>(fault.op)];
     for (const std::int64_t n : points_for(total, s.quick_points)) {
@@ -445,6 +370,7 @@ TEST_P(FaultSweep, EveryFaultLeavesACommittedStateAndAHandleThatGoesOn) {
       vfs.disarm();
       out.fired = vfs.fired() > 0;
       fired_points += out.fired;
+      reached += out.raised || out.result != reference;
       EXPECT_EQ(out.fired, n <= total) << (out.fired ? "the operation did more than without a fault" : "no fault");
       if (out.raised) EXPECT_TRUE(out.fired && expected_failure(out.message)) << out.message;
       if (!out.raised && (s.all_or_nothing || !out.fired)) EXPECT_EQ(out.result, reference);
@@ -483,6 +409,7 @@ TEST_P(FaultSweep, EveryFaultLeavesACommittedStateAndAHandleThatGoesOn) {
       if (!out.fired) break;
     }
   }
+  EXPECT_GT(reached, 0) << "no fault ever changed what the operation did";
   std::printf("[ points   ] %s: %zu states, %lld writes, %lld faults fired\n", s.name.c_str(), states.size(),
               static_cast<long long>(totals[0]), static_cast<long long>(fired_points));
   report_figure("fault_points", fired_points);
@@ -491,6 +418,202 @@ TEST_P(FaultSweep, EveryFaultLeavesACommittedStateAndAHandleThatGoesOn) {
 
 INSTANTIATE_TEST_SUITE_P(Operations, FaultSweep, ::testing::ValuesIn(kScenarios),
                          [](const auto& info) { return info.param.name; });
+
+// ------------------------------------------------------------------ bad staging files
+
+// The file's bytes; none for no file (or a directory).
+std::optional<std::string> bytes(const fs::path& p) {
+  if (!fs::is_regular_file(p)) return std::nullopt;
+  std::ifstream in(p, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+State index_only(storage::Database& db) {
+  State s = index_content(snapshot(db));
+  s.erase("schema_info");
+  s.erase("generation");
+  return s;
+}
+
+// Besides the temporary database that the integrity check opens.
+std::vector<std::string> attached_files(storage::Database& db) {
+  auto names = attached(db);
+  std::erase(names, "temp");
+  return names;
+}
+
+class BadStaging : public IndexTest {
+ protected:
+  // A live index with known rows at generation 7.
+  std::unique_ptr<TestDb> live(const std::string& name) {
+    auto db = open(name);
+    seed_index(*db, {.files = 40, .symbols = 120, .edges = 60, .chunk_bytes = 64, .tag = "live"});
+    db->execute("PRAGMA user_version = 7");
+    return db;
+  }
+  // What SQLite reads from `staging`, through a scratch copy that the read may change.
+  State content_of(const fs::path& staging) {
+    const auto scratch = path("scratch-" + std::to_string(++copies_) + ".db");
+    fs::copy_file(staging, scratch);
+    if (fs::exists(staging.string() + "-wal")) fs::copy_file(staging.string() + "-wal", scratch.string() + "-wal");
+    return index_only(*open(scratch));
+  }
+  // `source` and its log copied to `name`, the file cut to `size` bytes and
+  // the log to `log` bytes (-1: no log); a negative size leaves it whole.
+  fs::path cut(const fs::path& source, const std::string& name, std::int64_t size, std::int64_t log = -2) {
+    fs::copy_file(source, path(name));
+    if (size >= 0) fs::resize_file(path(name), size);
+    if (log == -1 || !fs::exists(source.string() + "-wal")) return path(name);
+    fs::copy_file(source.string() + "-wal", path(name + "-wal"));
+    if (log >= 0) fs::resize_file(path(name + "-wal"), log);
+    return path(name);
+  }
+  fs::path written(const std::string& name, const std::string& text) {
+    std::ofstream(path(name), std::ios::binary) << text;
+    return path(name);
+  }
+  int copies_ = 0;
+};
+
+TEST_F(BadStaging, IsRefusedAndLeavesLiveIndexStagingFileAndHandleAsTheyWere) {
+  const auto whole = make_staging_file(path("whole.db"), {300, 1500, 800, 400, "w"});
+  const auto size = static_cast<std::int64_t>(fs::file_size(whole));
+  ASSERT_GE(size / kPage, 40) << "too small to cut in meaningful places";
+  // Its later rows are only in the log the last connection left behind.
+  const auto logged = make_staging_file(path("logged.db"), {150, 600, 300, 300, "half"}, [](storage::Database& s) {
+    s.connection()->execute("PRAGMA wal_checkpoint(TRUNCATE)").fetchall();
+    s.execute("PRAGMA wal_autocheckpoint=0");
+    s.connection()->executescript(R"sql(BEGIN;
+      WITH RECURSIVE n(i) AS (SELECT 151 UNION ALL SELECT i + 1 FROM n WHERE i < 300)
+        INSERT INTO files (id, path, language, content_hash, size, mtime) SELECT i, 'wal/f' || i, 'py', 'h', i, 0 FROM n;
+      INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line)
+        SELECT 1000 + id, id, 'w' || id, 'm.w' || id, 'function', 1, 2 FROM files WHERE id > 150;
+      INSERT INTO code_chunks (rowid, text, start_line, end_line, exact)
+        SELECT id << 20, 'wal ' || hex(randomblob(150)), 1, 100, 1 FROM files WHERE id > 150;
+      COMMIT;)sql");
+    sqlite3_db_config(s.connection()->handle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+  });
+  fs::remove(path("logged.db-shm"));
+  const auto log_size = static_cast<std::int64_t>(fs::file_size(path("logged.db-wal")));
+  ASSERT_GT(log_size, 0) << "the log was written back";
+  const auto good = make_staging_file(path("good.db"), {7, 21, 9, 32, "good"});
+  const State good_content = content_of(good);
+  const std::string odd = "it's \"stäging\" ünïcødé 索引";
+  fs::create_directories(path(odd));
+  auto edited = [&](const char* name, const char* ddl) {
+    return make_staging_file(path(name), {30, 30}, [&](storage::Database& s) { s.connection()->executescript(ddl); });
+  };
+  const std::string malformed = "Error database disk image is malformed";
+
+  // The expected error as "Kind message", the staging path added after a
+  // closing ": "; none for a swap that goes through.
+  const std::vector<std::tuple<std::string, std::function<fs::path()>, std::string>> cases = {
+      {"missing", [&] { return path("absent/staging.db"); }, "FileNotFoundError Staging database not found: "},
+      {"missing, with quotes and non-ASCII characters", [&] { return path(odd + "/'gone\".db"); },
+       "FileNotFoundError Staging database not found: "},
+      {"a directory",
+       [&] {
+         fs::create_directories(path("dir.db"));
+         return path("dir.db");
+       },
+       "OperationalError unable to open database: "},
+      {"empty", [&] { return written("empty.db", ""); }, "OperationalError no such table: stg.components"},
+      {"a short text", [&] { return written("notes.txt", "not an index\n"); }, "Error file is not a database"},
+      {"a text of several pages", [&] { return written("f.py", std::string(3 * kPage + 17, 'x')); },
+       "Error file is not a database"},
+      {"only the header", [&] { return cut(whole, "header.db", 100); }, malformed},
+      {"cut to one page", [&] { return cut(whole, "page.db", kPage); }, malformed},
+      {"cut to half its pages", [&] { return cut(whole, "half.db", size / kPage / 2 * kPage); }, malformed},
+      {"cut inside a page", [&] { return cut(whole, "ragged.db", 3 * kPage + 1000); }, malformed},
+      {"cut inside a page near the end", [&] { return cut(whole, "end.db", size - 5 * kPage - 123); }, malformed},
+      {"cut to half with its log whole",
+       [&] { return cut(logged, "l-half.db", static_cast<std::int64_t>(fs::file_size(logged)) / kPage / 2 * kPage); },
+       malformed},
+      {"cut to one page with its log whole", [&] { return cut(logged, "l-page.db", kPage); }, malformed},
+      {"no symbols table", [&] { return edited("ns.db", "PRAGMA foreign_keys=OFF; DROP TABLE edges; DROP TABLE symbols"); },
+       "OperationalError no such table: stg.symbols"},
+      {"files lacks content_hash", [&] { return edited("nh.db", "ALTER TABLE files DROP COLUMN content_hash"); },
+       "OperationalError no such column: content_hash"},
+      {"external_imports lacks module, after three tables were copied",
+       [&] { return edited("nm.db", "DROP INDEX idx_external_imports_module; ALTER TABLE external_imports DROP COLUMN module"); },
+       "OperationalError no such column: module"},
+      // Cut where SQLite reads an earlier state whole: the swap is all of it.
+      {"its log cut in half", [&] { return cut(logged, "l-cut.db", -1, log_size / 2); }, ""},
+      {"its log whole", [&] { return cut(logged, "l-whole.db", -1); }, ""},
+      {"its log lost", [&] { return cut(logged, "l-lost.db", -1, -1); }, ""},
+      {"valid, at a path with quotes and non-ASCII characters", [&] { return cut(good, odd + "/'stäged\" ✓.db", -1); },
+       ""},
+  };
+  int n = 0;
+  for (const auto& [name, make, error] : cases) {
+    SCOPED_TRACE(name);
+    auto db = live("live-" + std::to_string(++n) + ".db");
+    const auto staging = make();
+    const auto file_before = bytes(staging), log_before = bytes(staging.string() + "-wal");
+    const State before = snapshot(*db);
+    const State staged = error.empty() ? content_of(staging) : State{};
+    std::string got;
+    try {
+      db->swap_index_from(staging);
+    } catch (const QuorviError& e) {
+      got = std::string(e.kind()) + " " + e.what();
+    }
+    EXPECT_EQ(got, error + (error.ends_with(": ") ? staging.string() : ""));
+    if (error.empty()) {
+      EXPECT_EQ(index_only(*db), staged);
+      EXPECT_EQ(db->index_generation(), 8);
+      EXPECT_EQ(snapshot(*db).at("schema_info"), before.at("schema_info"));
+    } else {
+      EXPECT_EQ(snapshot(*db), before);
+    }
+    EXPECT_TRUE(db->check_integrity());
+    EXPECT_EQ(attached_files(*db), std::vector<std::string>{"main"});
+    EXPECT_EQ(bytes(staging), file_before) << "the staging file changed";
+    EXPECT_EQ(bytes(staging.string() + "-wal"), log_before) << "the staging file's log changed";
+    if (error.starts_with("FileNotFoundError")) EXPECT_FALSE(fs::exists(staging)) << "the missing file was made";
+
+    // The handle goes on: another thread (so the lock is free) swaps a good file in.
+    std::async(std::launch::async, [&] { db->swap_index_from(good); }).get();
+    EXPECT_EQ(index_only(*db), good_content);
+    EXPECT_EQ(db->index_generation(), error.empty() ? 9 : 8);
+    EXPECT_TRUE(db->check_integrity());
+    EXPECT_EQ(attached_files(*db), std::vector<std::string>{"main"});
+  }
+  report_figure("bad_staging_files", static_cast<std::int64_t>(cases.size()));
+  report_figure("states_checked", 2 * static_cast<std::int64_t>(cases.size()));
+}
+
+// A cursor from execute may be read after the lock is released, so another
+// thread's statement can still be open on the writer connection while a swap
+// runs: it keeps the staging file locked, the swap fails and so does its
+// detachment. The next swap must not find `stg` still attached.
+TEST_F(BadStaging, ASwapAfterAFailedDetachmentAttachesAgain) {
+  auto db = live("live.db");
+  const State before = snapshot(*db);
+  const auto good = make_staging_file(path("good.db"), {5, 10, 0, 16, "good"});
+  const State good_content = content_of(good);
+  std::promise<void> reading, swapped;
+  auto reader = std::async(std::launch::async, [&] {
+    auto cursor = db->execute("SELECT id FROM files ORDER BY id");
+    EXPECT_TRUE(cursor.fetchone().has_value());
+    reading.set_value();
+    swapped.get_future().wait();
+  });
+  reading.get_future().wait();
+  try {
+    db->swap_index_from(good);
+    ADD_FAILURE() << "the swap dropped code_chunks under an open statement";
+  } catch (const storage::OperationalError& e) {
+    EXPECT_STREQ(e.what(), "database table is locked");
+  }
+  EXPECT_EQ(snapshot(*db), before);
+  swapped.set_value();
+  reader.get();
+  EXPECT_EQ(db->swap_index_from(good).at("files"), 5);
+  EXPECT_EQ(index_only(*db), good_content);
+  EXPECT_EQ(db->index_generation(), 8);
+  EXPECT_EQ(attached_files(*db), std::vector<std::string>{"main"});
+}
 
 }  // namespace
 }  // namespace marsk_quorvi::testing

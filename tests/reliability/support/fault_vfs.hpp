@@ -1,13 +1,9 @@
-// A SQLite VFS over the default one that fails a chosen operation, to prove
-// that no failing read, write, sync, truncate, open or delete ever leaves an
-// index file partial or corrupt.
-//
-// While a `FaultVfs` lives it is SQLite's default VFS, so every file opened
-// meanwhile (databases, journals, write-ahead logs, temporary files) goes
-// through it. It counts the operations of each kind and, once armed, fails the
-// Nth one of a kind (or of any kind) with the error SQLite's Unix VFS would
-// report for it, or with a full disk, once or from then on until disarmed.
-// The counters are atomics: connections on several threads may use it at once.
+// A SQLite VFS over the default one that fails a chosen operation. While a
+// `FaultVfs` lives it is the default, so every file opened meanwhile (journals,
+// logs and temporary files too) goes through it: it counts the operations of
+// each kind and, once armed, fails the Nth of a kind (or of any kind) with the
+// error SQLite's own VFS would report for it, or with a full disk, once or
+// from then on. The counters are atomics, for connections on several threads.
 #pragma once
 
 #include <sqlite3.h>
@@ -18,7 +14,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 
 namespace marsk_quorvi::testing {
@@ -42,10 +37,8 @@ inline std::string to_string(const Fault& f) {
 class FaultVfs {
  public:
   FaultVfs() {
-    if (installed_.exchange(true)) throw std::logic_error("a FaultVfs is installed already");
-    sqlite3_initialize();
-    // Connections opened through the wrapper keep using it after it stops
-    // being the default, so it lives as long as the process.
+    // Connections opened through it keep using it after it stops being the
+    // default, so it lives as long as the process.
     static sqlite3_vfs* const real = sqlite3_vfs_find(nullptr);
     static sqlite3_vfs vfs = [] {
       sqlite3_vfs v = *real;
@@ -53,7 +46,7 @@ class FaultVfs {
       v.pNext = nullptr;
       v.xOpen = [](sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int flags, int* out) {
         file->pMethods = nullptr;  // a refused open is not closed
-        if (int rc = check(FaultOp::open)) return rc;
+        if (const int rc = check(FaultOp::open)) return rc;
         const int rc = real->xOpen(real, name, file, flags, out);
         if (file->pMethods != nullptr) file->pMethods = patched(file->pMethods);
         return rc;
@@ -71,7 +64,6 @@ class FaultVfs {
     disarm();
     sqlite3_vfs_unregister(sqlite3_vfs_find("quorvi-fault"));
     sqlite3_vfs_register(real_, 1);
-    installed_ = false;
   }
   FaultVfs(const FaultVfs&) = delete;
   FaultVfs& operator=(const FaultVfs&) = delete;
@@ -91,12 +83,11 @@ class FaultVfs {
 
  private:
   static inline sqlite3_vfs* real_ = nullptr;
-  static inline std::atomic<bool> installed_{false}, armed_{false};
+  static inline std::atomic<bool> armed_{false};
   static inline Fault fault_;  // written only while disarmed
   static inline std::array<std::atomic<std::int64_t>, 7> counts_{};
   static inline std::atomic<std::int64_t> fired_{0};
 
-  // Counts one operation and tells whether it fails, with which code.
   static int check(FaultOp op) {
     const std::int64_t of_kind = ++counts_[static_cast<int>(op)];
     const std::int64_t of_any = ++counts_[static_cast<int>(FaultOp::any)];
@@ -111,8 +102,8 @@ class FaultVfs {
 
   // A file keeps the real VFS's state; only its method table is swapped for a
   // copy whose read, write, truncate and sync count first (a failed write
-  // writes nothing: the disk refused it). The copy leads with the table, so a
-  // file's methods lead back to the real ones.
+  // writes nothing). The copy leads with the table, so a file's methods lead
+  // back to the real ones.
   struct Patched {
     sqlite3_io_methods methods;
     const sqlite3_io_methods* real;
