@@ -118,9 +118,9 @@ struct Outcome {
 struct Scenario {
   std::string name;
   fs::path (*prepare)(const fs::path& dir);
-  std::function<std::string(TestDb&)> run;  // the operation; what it returned, as text
-  bool opens = false;                       // `run` opens the handle, else it is connected first
-  bool all_or_nothing = true;               // one transaction: a raise leaves the first state, a return the last
+  std::function<void(TestDb&, std::string& result)> run;  // the operation, and what it returned as text
+  bool opens = false;          // `run` opens the handle, else it is connected first
+  bool all_or_nothing = true;  // one transaction: a raise leaves the first state, a return the last
   std::int64_t quick_points = 12;
   // Its own checks after each point, and after the run without a fault.
   std::function<void(TestDb&, const Outcome&, const State& seen, LogCapture&)> after;
@@ -128,20 +128,12 @@ struct Scenario {
 };
 void PrintTo(const Scenario& s, std::ostream* os) { *os << s.name; }
 
-template <class F>
-std::function<std::string(TestDb&)> returning_nothing(F f) {
-  return [f](TestDb& db) {
-    f(db);
-    return std::string();
-  };
-}
-
 storage::Compaction last;
 State staging_before;
 
-std::string compact(TestDb& db) {
+void compact(TestDb& db, std::string& result) {
   last = db.compact();
-  return std::to_string(last.converted) + " " + std::to_string(last.pages_released) + " " + last.skipped.value_or("");
+  result = std::to_string(last.converted) + " " + std::to_string(last.pages_released) + " " + last.skipped.value_or("");
 }
 
 // A compaction never raises: a fault ends in `skipped` "failed: ...".
@@ -153,29 +145,21 @@ void expect_reported(const Outcome& out) {
   EXPECT_FALSE(last.converted);
 }
 
-const auto open_index = returning_nothing([](TestDb& db) {
+void open_index(TestDb& db, std::string&) {
   db.connect();
   db.create_schema();
   db.migrate_schema();
-});
+}
 
 const std::vector<Scenario> kScenarios = {
     {.name = "transaction",
      .prepare = [](const fs::path& dir) { return seeded(dir / "small.db"); },
-     .run = returning_nothing([](TestDb& db) {
-       db.transaction([](storage::Cursor& c) {
-         c.connection().executescript(R"sql(
-           INSERT INTO components (id, name) VALUES (2, 'added');
-           WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < 29)
-             INSERT INTO files (id, path, language, content_hash, size, mtime, component_id)
-             SELECT 1000 + i, 'added/f' || i || '.go', 'go', 'h', i, 0, 2 FROM n;
-           INSERT INTO symbols (file_id, name, fqn, kind, start_line, end_line, docstring)
-             SELECT id, 'added' || id, 'added.f' || id, 'function', 1, 9, hex(zeroblob(900)) FROM files WHERE id >= 1000;
-           INSERT INTO code_chunks (rowid, text, start_line, end_line, exact)
-             SELECT id << 20, 'func added' || id || '() { return 1 }', 1, 9, 1 FROM files WHERE id >= 1000;
-           INSERT OR REPLACE INTO schema_info (key, value) VALUES ('last_index', 'added');)sql");
+     .run = [](TestDb& db, std::string&) {
+       db.transaction([&](storage::Cursor&) {
+         db.clear_all();
+         seed_index(db, {.files = 30, .symbols = 90, .edges = 60, .chunk_bytes = 900, .tag = "new"});
        });
-     })},
+     }},
     // The live index outgrows SQLite's page cache, so the swap spills pages
     // into the log before its commit, and leaves free pages for the compaction.
     {.name = "swap_index_from",
@@ -183,7 +167,9 @@ const std::vector<Scenario> kScenarios = {
        staging_before = snapshot(seeded(dir / "staging.db", {25, 70, 40, 48, "new"}));
        return free_pages(dir / "swap.db", 2, {60, 300, 200, 64, "old"}, 8000);
      },
-     .run = [](TestDb& db) { return db.swap_index_from(db.db_path.parent_path() / "staging.db").to_string(); },
+     .run = [](TestDb& db, std::string& result) {
+       result = db.swap_index_from(db.db_path.parent_path() / "staging.db").to_string();
+     },
      .quick_points = 6,
      .after = [](TestDb& db, const Outcome& out, auto&, auto&) {
        const auto names = attached(db);
@@ -193,10 +179,10 @@ const std::vector<Scenario> kScenarios = {
      }},
     {.name = "clear_all",
      .prepare = [](const fs::path& dir) { return seeded(dir / "small.db"); },
-     .run = returning_nothing([](TestDb& db) { db.clear_all(); })},
+     .run = [](TestDb& db, std::string&) { db.clear_all(); }},
     {.name = "refresh_extractor_stamp",
      .prepare = [](const fs::path& dir) { return seeded(dir / "small.db"); },
-     .run = [](TestDb& db) { return std::to_string(db.refresh_extractor_stamp({{"c", 1}, {"py", 2}})); },
+     .run = [](TestDb& db, std::string& result) { result = std::to_string(db.refresh_extractor_stamp({{"c", 1}, {"py", 2}})); },
      .after = [](TestDb&, const Outcome& out, auto&, auto&) {
        if (!out.raised) EXPECT_EQ(out.result, "40");
      }},
@@ -315,8 +301,10 @@ class FaultSweep : public TempDirTest, public ::testing::WithParamInterface<Scen
   }
 
   static Outcome attempt(const Scenario& s, TestDb& db) {
+    Outcome out;
     try {
-      return {false, "", s.run(db)};
+      s.run(db, out.result);
+      return out;
     } catch (const storage::Error& e) {
       return {true, e.what()};
     } catch (const storage::migrations::SchemaMigrationError& e) {
@@ -392,12 +380,13 @@ TEST_P(FaultSweep, EveryFaultLeavesACommittedStateAndAHandleThatGoesOn) {
       // The same handle goes on to the last state, and writes and reads after it.
       if (s.opens) {
         db->close();
-        s.run(*db);
+        s.run(*db, out.result);
         EXPECT_EQ(pragma(*db, "page_size"), kPage);
         EXPECT_EQ(journal_mode(*db), "wal");
         EXPECT_NE(db->impl()._readers.load(), nullptr);
       } else if (seen != states.back()) {
-        EXPECT_EQ(s.run(*db), reference);
+        s.run(*db, out.result);
+        EXPECT_EQ(out.result, reference);
       }
       EXPECT_TRUE(snapshot(*db) == states.back()) << "the handle does not reach the last state";
       db->record_error("probe.py", "probe", "after the fault", 7);

@@ -8,10 +8,8 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
-#include <map>
 #include <random>
 #include <set>
-#include <sstream>
 
 #include "marsk_quorvi/storage/storage_size.hpp"
 #include "reliability/support/report.hpp"
@@ -24,10 +22,10 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// The staging files, swapped in turn: at generation g the loop swaps in
-// number g mod 4, so generation 0 is the empty index and g > 0 number
-// (g - 1) mod 4. Small and large alternate (the swap away from a large one
-// frees pages enough for a compaction), and every table's count differs.
+// The loop swaps in staging number g mod 4 at generation g, so generation 0
+// is the empty index and g > 0 number (g - 1) mod 4. Small and large
+// alternate (swapping a large one out frees pages enough for a compaction),
+// and every table's count differs between any two.
 const struct {
   Seed seed;
   bool large;
@@ -63,7 +61,7 @@ std::string observed(const storage::Row& row) {
 }
 
 // empty.db and staging-0.db .. staging-3.db, each left in rollback-journal
-// mode so that attaching it makes no -wal or -shm beside it, and their fingerprints.
+// mode so that attaching it makes no -wal or -shm beside it.
 struct States {
   fs::path dir;
   std::vector<std::string> fingerprints;
@@ -71,13 +69,14 @@ struct States {
   explicit States(fs::path d) : dir(std::move(d)) {
     fs::create_directories(dir);
     for (int n = -1; n < 4; ++n) {
+      const auto file = n < 0 ? dir / "empty.db" : staging(n);
       {
-        storage::Database db(n < 0 ? dir / "empty.db" : staging(n));
+        storage::Database db(file);
         db.connect();
         db.create_schema();
         if (n >= 0) seed_index(db, kPlan[n].seed);
       }
-      auto conn = storage::Connection::open((n < 0 ? dir / "empty.db" : staging(n)).string());
+      auto conn = storage::Connection::open(file.string());
       conn->execute("PRAGMA journal_mode=DELETE").fetchall();
       const std::string line = observed(*conn->execute(kStateQuery).fetchone());
       fingerprints.push_back(line.substr(line.find('|') + 1));
@@ -85,52 +84,29 @@ struct States {
   }
   fs::path staging(std::int64_t n) const { return dir / ("staging-" + std::to_string(n) + ".db"); }
 
-  // What is wrong with seeing "generation|fingerprint", if anything.
-  std::string mismatch(const std::string& line, std::int64_t& g) const {
-    g = std::stoll(line);
-    const std::size_t implied = g <= 0 ? 0 : 1 + (g - 1) % 4;
-    const auto found = std::find(fingerprints.begin(), fingerprints.end(), line.substr(line.find('|') + 1));
-    if (found - fingerprints.begin() == static_cast<std::ptrdiff_t>(implied)) return "";
-    return "generation " + std::to_string(g) + " implies state " + std::to_string(implied) + " but the index holds " +
-           (found == fingerprints.end() ? "no known state" : "state " + std::to_string(found - fingerprints.begin())) +
-           ": " + line + "\n";
+  // "generation|fingerprint" must be the state the generation implies.
+  std::int64_t expect_whole(const std::string& line) const {
+    const std::int64_t g = std::stoll(line);
+    EXPECT_EQ(line.substr(line.find('|') + 1), fingerprints[g <= 0 ? 0 : 1 + (g - 1) % 4]) << "at generation " << g;
+    return g;
   }
 
-  // `live` as an older build left the state of generation `g`: pages of
-  // 4096 bytes, which the next open rewrites.
-  void small_page_copy(std::int64_t g, const fs::path& live) const {
-    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) fs::remove(live.string() + suffix);
-    fs::create_directories(live.parent_path());
-    fs::copy_file(staging((g - 1) % 4), live);
-    storage::Connection::open(live.string())
-        ->executescript("PRAGMA page_size=4096; VACUUM; PRAGMA user_version=" + std::to_string(g) +
-                        "; PRAGMA journal_mode=WAL");
-  }
-
-  // Opened as a service process opens it, `live` must pass SQLite's and the
-  // full-text index's integrity checks, have a new file's page size and
-  // auto-vacuum mode, hold the state its generation implies, and be at a
-  // generation from what the dead writer had surely committed to the last
-  // swap it had begun.
-  std::string check_live(const fs::path& live, std::int64_t lowest, std::int64_t highest, std::int64_t& g) const {
-    std::ostringstream problem;
-    try {
-      TestDb db(live);
-      db.connect();
-      db.create_schema();
-      db.migrate_schema();
-      if (!db.check_integrity()) problem << "the integrity check failed\n";
-      db.execute("INSERT INTO code_chunks(code_chunks) VALUES('integrity-check')");
-      const auto row = *db.fetchone("SELECT page_size, auto_vacuum FROM pragma_page_size, pragma_auto_vacuum");
-      if (row[0].as_int() != storage::storage_size::PAGE_SIZE || row[1].as_int() != storage::detail::kAutoVacuumIncremental) {
-        problem << "page size " << row[0].as_int() << ", auto_vacuum " << row[1].as_int() << "\n";
-      }
-      problem << mismatch(observed(*db.fetchone(kStateQuery)), g);
-      if (g < lowest || g > highest) problem << "generation " << g << " outside " << lowest << " .. " << highest << "\n";
-    } catch (const std::exception& e) {
-      problem << "opening and reading the file failed: " << e.what() << "\n";
-    }
-    return problem.str();
+  // Opened as a service opens it, `live` must pass SQLite's and the full-text
+  // index's integrity checks, have a new file's page size and auto-vacuum
+  // mode, and hold the state its generation implies, which is from what the
+  // dead writer had surely committed to the last swap it had begun.
+  std::int64_t expect_sound(const fs::path& live, std::int64_t lowest, std::int64_t highest) const {
+    TestDb db(live);
+    db.connect();
+    db.create_schema();
+    db.migrate_schema();
+    EXPECT_TRUE(db.check_integrity());
+    EXPECT_NO_THROW(db.execute("INSERT INTO code_chunks(code_chunks) VALUES('integrity-check')"));
+    EXPECT_EQ(observed(*db.fetchone("SELECT page_size, auto_vacuum FROM pragma_page_size, pragma_auto_vacuum")),
+              std::to_string(storage::storage_size::PAGE_SIZE) + "|2");
+    const std::int64_t g = expect_whole(observed(*db.fetchone(kStateQuery)));
+    EXPECT_TRUE(lowest <= g && g <= highest) << g << " outside " << lowest << " .. " << highest;
+    return g;
   }
 };
 
@@ -218,18 +194,18 @@ TEST_F(Processes, KilledSwapLoopsLeaveTheStateTheirGenerationImpliesAndObservers
   for (int n = 0; n < 4; ++n) digests.push_back(digest(states.staging(n)));
   const auto live = path("repo/memory/codebase-index/index.db");  // the first open makes the directory
 
-  // Two observers print every state they see, each "generation|fingerprint".
+  // Two observers print each state they see, and at the end how many looks they took.
   std::vector<std::unique_ptr<PeerProcess>> observers;
   std::vector<std::set<std::int64_t>> seen(2);
   long long observations = 0;
   auto check = [&](std::size_t i, const std::string& line) {
-    std::int64_t g = 0;
     if (line.starts_with("observations ")) {
       observations += std::stoll(line.substr(13));
       return;
     }
-    ASSERT_EQ(states.mismatch(line, g), "") << "observer " << i;
-    ASSERT_TRUE(seen[i].empty() || g >= *seen[i].rbegin()) << "observer " << i << ": the generation went back";
+    SCOPED_TRACE("observer " + std::to_string(i));
+    const std::int64_t g = states.expect_whole(line);
+    EXPECT_TRUE(seen[i].empty() || g >= *seen[i].rbegin()) << "the generation went back to " << g;
     seen[i].insert(g);
   };
   auto follow = [&] {
@@ -248,13 +224,19 @@ TEST_F(Processes, KilledSwapLoopsLeaveTheStateTheirGenerationImpliesAndObservers
   const int kills = scaled(20, 240), rewrites = kills / 5;
   for (int kill = 0; kill < kills; ++kill) {
     const std::string aim = kill < rewrites ? "rewrite" : aims[(kill + seed) % 5];
+    SCOPED_TRACE("kill " + std::to_string(kill) + " aimed at " + aim);
     if (aim == "rewrite") {
       while (!large_state(generation)) ++generation;  // the longest rewrite
-      states.small_page_copy(generation, live);
+      for (const char* suffix : {"", "-wal", "-shm", "-journal"}) fs::remove(live.string() + suffix);
+      fs::create_directories(live.parent_path());
+      fs::copy_file(states.staging((generation - 1) % 4), live);
+      storage::Connection::open(live.string())
+          ->executescript("PRAGMA page_size=4096; VACUUM; PRAGMA journal_mode=WAL; PRAGMA user_version=" +
+                          std::to_string(generation));
     }
     SwapLoop run(live, states, took, aim == "rewrite");
     bool reached = true;
-    double ms = 0;
+    double ms = uniform(0, 2000);
     if (aim == "open") {
       ms = uniform(0, 1.5 * run.took("open"));
     } else if (aim == "rewrite") {
@@ -271,43 +253,40 @@ TEST_F(Processes, KilledSwapLoopsLeaveTheStateTheirGenerationImpliesAndObservers
       ms = uniform(0, run.took("after1"));
     } else {
       reached = run.until(starting("ready "));
-      ms = uniform(0, 2000);
     }
-    ASSERT_TRUE(reached) << "kill " << kill << " (" << aim << "): the swap loop stopped talking\n" << run.tail;
+    ASSERT_TRUE(reached) << "the swap loop stopped talking\n" << run.tail;
     run.kill_after(ms);
-    std::int64_t found = -1;
-    ASSERT_EQ(states.check_live(live, std::max(generation, run.committed), std::max(generation, run.begun), found), "")
-        << "after kill " << kill << " aimed at " << aim << "; last lines:\n" << run.tail;
-    generation = found;
-    generations.insert(found);
-    ASSERT_NO_FATAL_FAILURE(follow());
-    for (int i = 0; kill + 1 == rewrites && i < 2; ++i) {
+    generation = states.expect_sound(live, std::max(generation, run.committed), std::max(generation, run.begun));
+    generations.insert(generation);
+    follow();
+    ASSERT_FALSE(HasFailure()) << "the swap loop's last lines:\n" << run.tail;
+    if (kill + 1 != rewrites) continue;
+    for (int i = 0; i < 2; ++i) {
       observers.push_back(std::make_unique<PeerProcess>(
           std::vector<std::string>{"observe", live.string(), kStateQuery, path("stop").string()}));
     }
   }
 
-  // A loop that runs through, until each observer has seen four generations.
+  // Then a loop that runs through, until each observer has seen four generations.
   SwapLoop last(live, states, took);
-  const auto enough = Clock::now() + std::chrono::seconds(scaled(3, 30)), give_up = enough + std::chrono::minutes(5);
+  const auto enough = Clock::now() + std::chrono::seconds(scaled(3, 30));
   while (Clock::now() < enough || seen[0].size() < 4 || seen[1].size() < 4) {
-    ASSERT_LT(Clock::now(), give_up) << "the observers saw too few generations";
+    ASSERT_LT(Clock::now(), enough + std::chrono::minutes(5)) << "the observers saw too few generations";
     last.until([](auto&) { return false; }, Clock::now() + std::chrono::milliseconds(20));
     ASSERT_FALSE(last.ended()) << "the swap loop stopped:\n" << last.tail;
-    ASSERT_NO_FATAL_FAILURE(follow());
+    follow();
+    ASSERT_FALSE(HasFailure());
   }
   std::ofstream(path("stop")).put('\n');
   std::set<std::int64_t> observed;
   for (std::size_t i = 0; i < observers.size(); ++i) {
-    for (const auto& line : observers[i]->read_rest()) ASSERT_NO_FATAL_FAILURE(check(i, line));
+    for (const auto& line : observers[i]->read_rest()) check(i, line);
     EXPECT_EQ(observers[i]->wait(), 0) << "observer " << i;
     observed.insert(seen[i].begin(), seen[i].end());
   }
   EXPECT_GT(observations, 0);
   last.kill_after(0);
-  std::int64_t found = -1;
-  ASSERT_EQ(states.check_live(live, std::max(generation, last.committed), last.begun, found), "") << last.tail;
-  generations.insert(found);
+  states.expect_sound(live, std::max(generation, last.committed), last.begun);
   for (int n = 0; n < 4; ++n) EXPECT_EQ(digest(states.staging(n)), digests[n]) << "staging file " << n << " changed";
   std::cout << "seed " << seed << ": " << kills << " kills survived with " << generations.size()
             << " generations, observers saw " << observed.size() << " in " << observations << " looks" << std::endl;
