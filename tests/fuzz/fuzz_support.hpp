@@ -26,7 +26,9 @@ using LogRecords = std::vector<std::pair<spdlog::level::level_enum, std::string>
 inline LogRecords& captured_log() {
   struct Sink : spdlog::sinks::base_sink<spdlog::details::null_mutex> {
     LogRecords records;
-    void sink_it_(const spdlog::details::log_msg& m) override { records.emplace_back(m.level, std::string(m.payload.data(), m.payload.size())); }
+    void sink_it_(const spdlog::details::log_msg& m) override {
+      records.emplace_back(m.level, std::string(m.payload.begin(), m.payload.end()));
+    }
     void flush_() override {}
   };
   static const auto sink = [] {

@@ -25,35 +25,30 @@ std::string recased(std::string_view s, bool swap) {
   return out;
 }
 
-// White space of the characters the classifier skips, chosen by `seed`.
-std::string blanks(unsigned seed) {
-  std::string out;
-  for (unsigned i = 0; i <= seed % 4; ++i) out.push_back(kSpace[(seed >> (i * 2)) % kSpace.size()]);
-  return out;
+// A read: a first word that opens with SELECT or WITH (whatever follows), or
+// the bare "PRAGMA user_version" with any trailing semicolons.
+bool reads(std::string_view sql) {
+  const std::string head = recased(trim(sql).substr(0, 6), false);
+  std::string_view bare = trim(sql);
+  while (!bare.empty() && bare.back() == ';') bare.remove_suffix(1);
+  return head.starts_with("SELECT") || head.starts_with("WITH") || recased(trim(bare), false) == "PRAGMA USER_VERSION";
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string sql(reinterpret_cast<const char*>(data), size);
-  const std::uint8_t seed = size ? data[0] : 0;
   const bool read = _is_read_statement(sql);
-  FUZZ_CHECK(_is_read_statement(sql) == read);
-
-  // SELECT or WITH opening the first word, or the bare "PRAGMA user_version" with any trailing semicolons.
-  const std::string head = recased(trim(sql).substr(0, 6), false);
-  std::string_view bare = trim(sql);
-  while (!bare.empty() && bare.back() == ';') bare.remove_suffix(1);
-  FUZZ_CHECK(read == (head.starts_with("SELECT") || head.starts_with("WITH") ||
-                      recased(trim(bare), false) == "PRAGMA USER_VERSION"));
-
-  FUZZ_CHECK(_is_read_statement(blanks(seed) + sql) == read);
-  FUZZ_CHECK(_is_read_statement(sql + blanks(seed * 7 + 1)) == read);
-  FUZZ_CHECK(_is_read_statement(recased(sql, true)) == read);
-  // Neither rule looks past a leading comment or parenthesis.
-  for (const char* opener : {"-- note\n", "/* note */ ", "("}) FUZZ_CHECK(!_is_read_statement(blanks(seed) + opener + sql));
-  // The first-word rule has no end-of-word test: whatever follows counts.
-  FUZZ_CHECK(_is_read_statement(blanks(seed) + "select" + sql));
-  FUZZ_CHECK(_is_read_statement("WiTh" + sql));
+  FUZZ_CHECK(read == reads(sql));
+  // White space around it and the case of its letters never change the
+  // answer; nothing behind a comment or a parenthesis reads; a read word in
+  // front always does.
+  std::string blanks;
+  for (unsigned i = 0, seed = size ? data[0] : 0; i <= seed % 4; ++i) blanks += kSpace[(seed >> (2 * i)) % kSpace.size()];
+  for (const std::string& same : {sql, blanks + sql, sql + blanks, recased(sql, true)}) {
+    FUZZ_CHECK(_is_read_statement(same) == read);
+  }
+  for (const char* opener : {"-- note\n", "/* note */ ", "("}) FUZZ_CHECK(!_is_read_statement(blanks + opener + sql));
+  FUZZ_CHECK(_is_read_statement(blanks + "select" + sql) && _is_read_statement("WiTh" + sql));
   return 0;
 }
