@@ -1,21 +1,17 @@
-// A second process for tests, opening an index file as another service
-// process would and printing what it sees (rows as columns joined by '|'):
-//   generation DB              the index generation
-//   query DB SQL, exec DB SQL  each row of a query; one statement through execute
-//   hold DB SECONDS            a connection open: prints "ready", sleeps
-//   snapshot DB SECONDS        the same inside a read transaction (a WAL snapshot)
-//   lock DB SECONDS            the write lock (BEGIN IMMEDIATE): "ready", sleeps, commits
-//   watch DB SQL UNTIL         each result that differs from the one before, until
-//                              it is UNTIL; status 3 after 120 seconds
-//   observe DB SQL STOP        opens DB as a service does (connect, create_schema,
-//                              migrate_schema), then as watch, a look every 2 ms,
-//                              until the file STOP exists: "observations N";
-//                              status 3 after 900 seconds
-//   swap-loop DB DIR [COUNT]   opens DB the same way: "ready G"; then at each
-//                              generation G swaps in DIR/staging-(G mod K).db of
-//                              the K there, "swapping G -> G+1 from staging-N"
-//                              before and "swapped G+1" after, with the module's
-//                              info lines; COUNT swaps, or no end
+// A second process for tests: opens an index file as another service process
+// would and prints what it sees, a row as its columns joined by '|'.
+//   generation DB, query DB SQL, exec DB SQL   the generation, each row, one statement
+//   hold|snapshot|lock DB SECONDS   a connection, a read transaction or the write
+//                                   lock held: "ready", a sleep (then a commit)
+//   watch DB SQL UNTIL   each result that differs from the one before, until it
+//                        is UNTIL (status 3 after 120 s)
+//   observe DB SQL STOP  opened as a service opens it (connect, create_schema,
+//                        migrate_schema), as watch, a look each 2 ms, until the
+//                        file STOP exists: "observations N" (status 3 after 900 s)
+//   swap-loop DB DIR [COUNT]  opened the same way, "ready G"; then at generation G
+//                        "swapping G -> G+1 from staging-N", a swap from
+//                        DIR/staging-N.db (N = G mod the files there), "swapped
+//                        G+1", and the module's info lines; COUNT swaps, or no end
 #include <spdlog/sinks/stdout_sinks.h>
 
 #include <chrono>
@@ -44,9 +40,8 @@ int swap_loop(Database& db, const std::filesystem::path& dir, long long count) {
   long long k = 0;
   while (std::filesystem::exists(staging(k))) ++k;
   if (k == 0) return 2;
-  // Flushed at once, from before the schema steps on: a parent that kills
-  // this process reads them to learn where it had got to ("Schema version"
-  // begins the page rewrite an older file gets at open).
+  // Flushed at once from the schema steps on, for a parent that kills this
+  // process to know where it got to ("Schema version" begins the page rewrite).
   auto sink = std::make_shared<spdlog::sinks::stdout_sink_mt>();
   sink->set_pattern("%v");
   database_logger()->sinks() = {sink};
@@ -61,10 +56,8 @@ int swap_loop(Database& db, const std::filesystem::path& dir, long long count) {
     try {
       db.swap_index_from(staging(g % k));
     } catch (const OperationalError& e) {
-      // Every process that opens the file commits its auto-vacuum mode to the
-      // header, and a swap whose transaction read before that commit is
-      // refused at its first write. It left the index as it was; the rebuild
-      // tries again, as a caller would.
+      // Another process that opens the file commits its auto-vacuum mode to the
+      // header: a swap that read before is refused, changing nothing; tried again.
       if (std::string_view(e.what()) != "database is locked") throw;
       std::cout << "refused " << g + 1 << ": " << e.what() << std::endl;
       continue;
