@@ -7,11 +7,11 @@
 
 #include <atomic>
 #include <fstream>
-#include <functional>
 #include <future>
+#include <map>
+#include <mutex>
 
 #include "marsk_quorvi/storage/storage_size.hpp"
-#include "reliability/support/fault_vfs.hpp"
 #include "reliability/support/report.hpp"
 #include "storage/migrations.hpp"
 #include "support/index_rows.hpp"
@@ -22,6 +22,122 @@ namespace {
 
 namespace fs = std::filesystem;
 constexpr std::int64_t kPage = storage::storage_size::PAGE_SIZE;
+
+// ------------------------------------------------------------------ the VFS
+
+enum class FaultOp { write, sync, truncate, open, read, remove, any };
+
+struct Fault {
+  FaultOp op;
+  std::int64_t nth;         // 1 is the first operation of that kind after arming
+  bool full = false;        // a full disk rather than an I/O error
+  bool persistent = false;  // the Nth and every later one, as a disk that died or filled up
+};
+
+std::string to_string(const Fault& f) {
+  static const char* const names[] = {"write", "sync", "truncate", "open", "read", "delete", "any"};
+  return std::string(names[static_cast<int>(f.op)]) + " #" + std::to_string(f.nth) + (f.full ? " disk full" : "") +
+         (f.persistent ? " from then on" : " once");
+}
+
+// Once installed it is SQLite's default VFS over the real one, so every file
+// opened (journals, logs and temporary files too) goes through it: it counts
+// the operations of each kind and, once armed, fails the Nth with the error
+// SQLite's own VFS reports for it.
+struct FaultVfs {
+  static inline std::atomic<bool> armed{false};
+  static inline Fault fault{FaultOp::any, 0};  // written only while disarmed
+  static inline std::array<std::atomic<std::int64_t>, 7> counts{};
+  static inline std::atomic<std::int64_t> fired{0};
+
+  static void arm(const Fault& f) {
+    armed = false;
+    for (auto& c : counts) c = 0;
+    fired = 0;
+    fault = f;
+    armed = true;
+  }
+  static int check(FaultOp op) {
+    const std::int64_t of_kind = ++counts[static_cast<int>(op)];
+    const std::int64_t of_any = ++counts[6];
+    if (!armed || (fault.op != FaultOp::any && fault.op != op)) return SQLITE_OK;
+    const std::int64_t n = fault.op == FaultOp::any ? of_any : of_kind;
+    if (fault.persistent ? n < fault.nth : n != fault.nth) return SQLITE_OK;
+    ++fired;
+    static const int codes[] = {SQLITE_IOERR_WRITE, SQLITE_IOERR_FSYNC, SQLITE_IOERR_TRUNCATE, SQLITE_CANTOPEN,
+                                SQLITE_IOERR_READ, SQLITE_IOERR_DELETE};
+    return fault.full ? SQLITE_FULL : codes[static_cast<int>(op)];
+  }
+
+  // A file keeps the real VFS's state; only its method table is swapped for a
+  // copy whose read, write, truncate and sync count first (a failed write
+  // writes nothing). The copy leads with the table, so a file's methods lead
+  // back to the real ones.
+  struct Patched {
+    sqlite3_io_methods methods;
+    const sqlite3_io_methods* real;
+  };
+  template <FaultOp Op, auto Method, class... Args>
+  static int counted(sqlite3_file* f, Args... args) {
+    const int rc = check(Op);
+    return rc ? rc : (reinterpret_cast<const Patched*>(f->pMethods)->real->*Method)(f, args...);
+  }
+  static const sqlite3_io_methods* patched(const sqlite3_io_methods* real) {
+    static std::mutex mu;
+    static std::map<const sqlite3_io_methods*, std::unique_ptr<Patched>> tables;
+    std::lock_guard lock(mu);
+    auto& p = tables[real];
+    if (!p) {
+      p = std::make_unique<Patched>(Patched{*real, real});
+      p->methods.xRead = counted<FaultOp::read, &sqlite3_io_methods::xRead, void*, int, sqlite3_int64>;
+      p->methods.xWrite = counted<FaultOp::write, &sqlite3_io_methods::xWrite, const void*, int, sqlite3_int64>;
+      p->methods.xTruncate = counted<FaultOp::truncate, &sqlite3_io_methods::xTruncate, sqlite3_int64>;
+      p->methods.xSync = counted<FaultOp::sync, &sqlite3_io_methods::xSync, int>;
+    }
+    return &p->methods;
+  }
+  static void install() {
+    static sqlite3_vfs* const real = sqlite3_vfs_find(nullptr);
+    static sqlite3_vfs vfs = [] {
+      sqlite3_vfs v = *real;
+      v.zName = "quorvi-fault";
+      v.xOpen = [](sqlite3_vfs*, sqlite3_filename name, sqlite3_file* file, int flags, int* out) {
+        file->pMethods = nullptr;  // a refused open is not closed
+        if (const int rc = check(FaultOp::open)) return rc;
+        const int rc = real->xOpen(real, name, file, flags, out);
+        if (file->pMethods != nullptr) file->pMethods = patched(file->pMethods);
+        return rc;
+      };
+      v.xDelete = [](sqlite3_vfs*, const char* name, int sync_dir) {
+        const int rc = check(FaultOp::remove);
+        return rc ? rc : real->xDelete(real, name, sync_dir);
+      };
+      return v;
+    }();
+    sqlite3_vfs_register(&vfs, 1);
+  }
+};
+
+// Commits past the budget are refused, on every connection; -1 is no limit.
+std::atomic<int> commit_budget{-1};
+std::atomic<bool> commit_refused{false};
+int limit_commits(sqlite3* db, char**, const sqlite3_api_routines*) {
+  sqlite3_commit_hook(
+      db,
+      [](void*) {
+        if (commit_budget < 0) return 0;
+        if (commit_budget > 0) {
+          --commit_budget;
+          return 0;
+        }
+        commit_refused = true;
+        return 1;
+      },
+      nullptr);
+  return SQLITE_OK;
+}
+
+// ------------------------------------------------------------------ the operations
 
 // SQLite answers some pragmas from what the connection last read: the header is read first.
 std::string pragma(storage::Database& db, const std::string& name) {
@@ -44,27 +160,6 @@ bool expected_failure(std::string m) {
   }
   return m.starts_with("unable to open database: ") || m == "vtable constructor failed: code_chunks";
 }
-
-// Commits past the budget are refused, on every connection; -1 is no limit.
-std::atomic<int> commit_budget{-1};
-std::atomic<bool> commit_refused{false};
-int limit_commits(sqlite3* db, char**, const sqlite3_api_routines*) {
-  sqlite3_commit_hook(
-      db,
-      [](void*) {
-        if (commit_budget < 0) return 0;
-        if (commit_budget > 0) {
-          --commit_budget;
-          return 0;
-        }
-        commit_refused = true;
-        return 1;
-      },
-      nullptr);
-  return SQLITE_OK;
-}
-
-// ------------------------------------------------------------------ prepared files
 
 fs::path seeded(const fs::path& p, const Seed& seed = {40, 120, 80, 64, "old"}) {
   return make_staging_file(p, seed, [](storage::Database& db) { db.refresh_extractor_stamp({{"py", 1}}); });
@@ -99,8 +194,6 @@ fs::path older_build(const fs::path& dir) {
     VACUUM; PRAGMA journal_mode=WAL;)sql");
   return dir / "older.db";
 }
-
-// ------------------------------------------------------------------ the operations
 
 struct Outcome {
   bool raised = false;
@@ -269,8 +362,11 @@ class FaultSweep : public TempDirTest, public ::testing::WithParamInterface<Scen
       dir_ = fs::path("/dev/shm") / dir_.filename();
       fs::create_directories(dir_);
     }
-    static const int registered = sqlite3_auto_extension(reinterpret_cast<void (*)()>(&limit_commits));
-    ASSERT_EQ(registered, SQLITE_OK);
+    static const int installed = [] {
+      FaultVfs::install();
+      return sqlite3_auto_extension(reinterpret_cast<void (*)()>(&limit_commits));
+    }();
+    ASSERT_EQ(installed, SQLITE_OK);
   }
 
   // A fresh copy of the prepared file, connected unless the operation opens
@@ -285,7 +381,7 @@ class FaultSweep : public TempDirTest, public ::testing::WithParamInterface<Scen
     Outcome out;
     commit_refused = false;
     commit_budget = budget;
-    vfs_.arm(fault);
+    FaultVfs::arm(fault);
     try {
       s.run(*db, out.result);
     } catch (const storage::Error& e) {
@@ -293,14 +389,13 @@ class FaultSweep : public TempDirTest, public ::testing::WithParamInterface<Scen
     } catch (const storage::migrations::SchemaMigrationError& e) {
       out = {true, e.what()};
     }
-    vfs_.disarm();
+    FaultVfs::armed = false;
     commit_budget = -1;
-    out.fired = vfs_.fired() > 0;
+    out.fired = FaultVfs::fired > 0;
     return out;
   }
 
   LogCapture log_;  // also keeps the warnings of thousands of failures off the terminal
-  FaultVfs vfs_;
   fs::path prepared_;
 };
 
@@ -317,7 +412,7 @@ TEST_P(FaultSweep, EveryFaultLeavesACommittedStateAndAHandleThatGoesOn) {
   Outcome reference;
   for (int budget = 0; budget == 0 || commit_refused; ++budget) {
     reference = attempt(s, db, {FaultOp::any, INT64_MAX}, budget);
-    for (int op = 0; op < 7; ++op) totals[op] = vfs_.count(static_cast<FaultOp>(op));
+    for (int op = 0; op < 7; ++op) totals[op] = FaultVfs::counts[op];
     if (states.empty() || snapshot(work) != states.back()) states.push_back(snapshot(work));
   }
   ASSERT_FALSE(reference.raised) << reference.message;
@@ -326,12 +421,11 @@ TEST_P(FaultSweep, EveryFaultLeavesACommittedStateAndAHandleThatGoesOn) {
 
   // A full disk is what a write meets, the other kinds fail with their own
   // I/O errors; from then on, the disk dies (or fills) at that point.
-  std::vector<Fault> kinds;
+  std::vector<Fault> kinds = {{FaultOp::any, 0, false, true}};
   for (const bool persistent : {false, true}) {
-    kinds.push_back({FaultOp::write, 0, FaultError::full, persistent});
-    for (int op = 0; op < 6; ++op) kinds.push_back({static_cast<FaultOp>(op), 0, FaultError::io, persistent});
+    kinds.push_back({FaultOp::write, 0, true, persistent});
+    for (int op = 0; op < 6; ++op) kinds.push_back({static_cast<FaultOp>(op), 0, false, persistent});
   }
-  kinds.push_back({FaultOp::any, 0, FaultError::io, true});
   std::int64_t fired = 0, reached = 0;
   for (Fault fault : kinds) {
     const std::int64_t total = totals[static_cast<int>(fault.op)];
