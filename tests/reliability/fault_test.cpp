@@ -537,10 +537,10 @@ TEST_F(BadStaging, IsRefusedAndLeavesLiveIndexStagingFileAndHandleAsTheyWere) {
   const auto log_size = static_cast<std::int64_t>(fs::file_size(path("logged.db-wal")));
   const auto good = make_staging_file(path("good.db"), {7, 21, 9, 32, "good"});
   const State good_content = content_of(good);
-  const std::string odd = "it's \"stäging\" ünïcødé 索引";
-  fs::create_directories(path(odd));
-  // `source` and its log copied to `name`, the file cut to `size` bytes and
-  // the log to `log` bytes (-1: no log); a negative size leaves it whole.
+  const std::string odd = path("it's \"stäging\" ünïcødé 索引").string();
+  fs::create_directories(odd);
+  // `source` and its log (-1: none) copied to `name`, the file cut to `size`
+  // bytes (-1: whole) and the log to `log`.
   auto cut = [&](const fs::path& source, const std::string& name, std::int64_t size, std::int64_t log = -2) {
     fs::copy_file(source, path(name));
     if (size >= 0) fs::resize_file(path(name), size);
@@ -555,45 +555,41 @@ TEST_F(BadStaging, IsRefusedAndLeavesLiveIndexStagingFileAndHandleAsTheyWere) {
   auto edited = [&](const char* name, const char* ddl) {
     return make_staging_file(path(name), {30, 30}, [&](storage::Database& s) { s.connection()->executescript(ddl); });
   };
-  const std::string malformed = "Error database disk image is malformed";
-
-  // The expected error as "Kind message", the staging path added after a
-  // closing ": "; none for a swap that goes through.
-  const std::vector<std::tuple<std::string, std::function<fs::path()>, std::string>> cases = {
-      {"missing", [&] { return path("absent/staging.db"); }, "FileNotFoundError Staging database not found: "},
-      {"missing, with quotes and non-ASCII characters", [&] { return path(odd + "/'gone\".db"); },
-       "FileNotFoundError Staging database not found: "},
-      {"a directory", [&] { return path(odd); }, "OperationalError unable to open database: "},
-      {"empty", [&] { return written("empty.db", ""); }, "OperationalError no such table: stg.components"},
-      {"a short text", [&] { return written("notes.txt", "not an index\n"); }, "Error file is not a database"},
-      {"a text of several pages", [&] { return written("f.py", std::string(3 * kPage + 17, 'x')); },
-       "Error file is not a database"},
-      {"only the header", [&] { return cut(whole, "header.db", 100); }, malformed},
-      {"cut to one page", [&] { return cut(whole, "page.db", kPage); }, malformed},
-      {"cut to half its pages", [&] { return cut(whole, "half.db", size / kPage / 2 * kPage); }, malformed},
-      {"cut inside a page", [&] { return cut(whole, "ragged.db", 3 * kPage + 1000); }, malformed},
-      {"cut inside a page near the end", [&] { return cut(whole, "end.db", size - 5 * kPage - 123); }, malformed},
-      {"cut to one page with its log whole", [&] { return cut(logged, "l-page.db", kPage); }, malformed},
-      {"cut to two pages with its log whole", [&] { return cut(logged, "l-two.db", 2 * kPage); }, malformed},
-      {"no symbols table", [&] { return edited("ns.db", "PRAGMA foreign_keys=OFF; DROP TABLE edges; DROP TABLE symbols"); },
+  const std::string missing = "FileNotFoundError Staging database not found: ";
+  const std::string malformed = "Error database disk image is malformed", not_index = "Error file is not a database";
+  // Each file with the error a swap from it gets, "Kind message" with the
+  // path added after a closing ": "; none for a swap that goes through.
+  const std::pair<fs::path, std::string> cases[] = {
+      {path("absent/missing.db"), missing},
+      {odd + "/missing 'quoted\".db", missing},
+      {odd, "OperationalError unable to open database: "},
+      {written("empty.db", ""), "OperationalError no such table: stg.components"},
+      {written("short-text.txt", "not an index\n"), not_index},
+      {written("text-of-pages.py", std::string(3 * kPage + 17, 'x')), not_index},
+      {cut(whole, "only-its-header.db", 100), malformed},
+      {cut(whole, "one-page.db", kPage), malformed},
+      {cut(whole, "half-its-pages.db", size / kPage / 2 * kPage), malformed},
+      {cut(whole, "cut-in-a-page.db", 3 * kPage + 1000), malformed},
+      {cut(whole, "cut-in-a-page-near-the-end.db", size - 5 * kPage - 123), malformed},
+      {cut(logged, "one-page-and-its-log.db", kPage), malformed},
+      {cut(logged, "two-pages-and-its-log.db", 2 * kPage), malformed},
+      {edited("no-symbols.db", "PRAGMA foreign_keys=OFF; DROP TABLE edges; DROP TABLE symbols"),
        "OperationalError no such table: stg.symbols"},
-      {"files lacks content_hash", [&] { return edited("nh.db", "ALTER TABLE files DROP COLUMN content_hash"); },
+      {edited("no-content-hash.db", "ALTER TABLE files DROP COLUMN content_hash"),
        "OperationalError no such column: content_hash"},
-      {"external_imports lacks module, after three tables were copied",
-       [&] { return edited("nm.db", "DROP INDEX idx_external_imports_module; ALTER TABLE external_imports DROP COLUMN module"); },
+      // Refused after three tables were copied.
+      {edited("no-module.db", "DROP INDEX idx_external_imports_module; ALTER TABLE external_imports DROP COLUMN module"),
        "OperationalError no such column: module"},
       // Cut where SQLite reads an earlier state whole: the swap is all of it.
-      {"its log cut in half", [&] { return cut(logged, "l-cut.db", -1, log_size / 2); }, ""},
-      {"its log whole", [&] { return cut(logged, "l-whole.db", -1); }, ""},
-      {"its log lost", [&] { return cut(logged, "l-lost.db", -1, -1); }, ""},
-      {"valid, at a path with quotes and non-ASCII characters", [&] { return cut(good, odd + "/'stäged\" ✓.db", -1); },
-       ""},
+      {cut(logged, "log-cut-in-half.db", -1, log_size / 2), ""},
+      {cut(logged, "log-whole.db", -1), ""},
+      {cut(logged, "log-lost.db", -1, -1), ""},
+      {cut(good, odd + "/valid 'quoted\" ✓.db", -1), ""},
   };
   int n = 0;
-  for (const auto& [name, make, error] : cases) {
-    SCOPED_TRACE(name);
+  for (const auto& [staging, error] : cases) {
+    SCOPED_TRACE(staging);
     auto db = live("live-" + std::to_string(++n) + ".db");
-    const auto staging = make();
     const auto file_before = bytes(staging), log_before = bytes(staging.string() + "-wal");
     const State before = snapshot(*db);
     const State staged = error.empty() ? content_of(staging) : State{};
@@ -621,8 +617,8 @@ TEST_F(BadStaging, IsRefusedAndLeavesLiveIndexStagingFileAndHandleAsTheyWere) {
     EXPECT_EQ(db->index_generation(), error.empty() ? 9 : 8);
     EXPECT_TRUE(db->check_integrity());
   }
-  report_figure("bad_staging_files", static_cast<std::int64_t>(cases.size()));
-  report_figure("states_checked", 2 * static_cast<std::int64_t>(cases.size()));
+  report_figure("bad_staging_files", std::size(cases));
+  report_figure("states_checked", 2 * std::size(cases));
 }
 
 // A cursor from execute may be read after the lock is released, so another

@@ -94,10 +94,9 @@ struct States {
     return g;
   }
 
-  // Opened as a service opens it, `live` must pass SQLite's and the full-text
-  // index's integrity checks, have a new file's page size and auto-vacuum
-  // mode, and hold the state its generation implies, which is from what the
-  // dead writer had surely committed to the last swap it had begun.
+  // Opened as a service opens it, `live` must be sound, be laid out as a new
+  // file, and hold the state of a generation from what the dead writer had
+  // surely committed to the last swap it had begun.
   std::int64_t expect_sound(const fs::path& live, std::int64_t lowest, std::int64_t highest) const {
     TestDb db(live);
     db.connect();
@@ -113,9 +112,8 @@ struct States {
   }
 };
 
-// One `swap-loop` peer, followed line by line. It learns how long the phases
-// of the loop take here (in `took`, ms), so that kills keep landing inside
-// them on a fast machine and on a loaded one.
+// One `swap-loop` peer, followed line by line. How long its phases take here
+// (`took`, ms) keeps kills landing inside them on fast and loaded machines.
 class SwapLoop {
  public:
   using Wanted = std::function<bool(const std::string&)>;
@@ -180,11 +178,6 @@ SwapLoop::Wanted starting(const char* prefix) {
   return [prefix](const std::string& line) { return line.starts_with(prefix); };
 }
 
-std::string digest(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return std::to_string(std::hash<std::string>{}(std::string(std::istreambuf_iterator<char>(in), {})));
-}
-
 using Processes = TempDirTest;
 
 TEST_F(Processes, KilledSwapLoopsLeaveTheStateTheirGenerationImpliesAndObserversSeeNoOther) {
@@ -193,8 +186,6 @@ TEST_F(Processes, KilledSwapLoopsLeaveTheStateTheirGenerationImpliesAndObservers
   std::mt19937 rng(seed);
   auto uniform = [&](double low, double high) { return std::uniform_real_distribution<double>(low, high)(rng); };
   const States states(path("states"));
-  std::vector<std::string> digests;
-  for (int n = 0; n < 4; ++n) digests.push_back(digest(states.staging(n)));
   const auto live = path("repo/memory/codebase-index/index.db");  // the first open makes the directory
 
   // Two observers print each state they see, and at the end how many looks they took.
@@ -290,7 +281,6 @@ TEST_F(Processes, KilledSwapLoopsLeaveTheStateTheirGenerationImpliesAndObservers
   EXPECT_GT(observations, 0);
   last.kill_after(0);
   states.expect_sound(live, std::max(generation, last.committed), last.begun);
-  for (int n = 0; n < 4; ++n) EXPECT_EQ(digest(states.staging(n)), digests[n]) << "staging file " << n << " changed";
   std::cout << "seed " << seed << ": " << kills << " kills survived with " << generations.size()
             << " generations, observers saw " << observed.size() << " in " << observations << " looks" << std::endl;
   report_figure("crashes_survived", kills);
@@ -323,7 +313,7 @@ State content(storage::Database& db) {
 // What a thread did and saw.
 struct Log {
   std::map<std::int64_t, std::int64_t> committed;  // transaction id -> rows
-  std::int64_t commits = 0, rows = 0, swaps = 0, operations = 0, checked = 0;
+  std::int64_t swaps = 0, operations = 0, checked = 0;
   std::vector<std::string> failures;
 };
 
@@ -472,7 +462,7 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
       seen = progress;
       changed = Clock::now();
     } else if (Clock::now() - changed > std::chrono::minutes(1)) {
-      std::fprintf(stderr, "Stress: no operation completed for a minute after %lld: deadlock\n", static_cast<long long>(seen));
+      std::fprintf(stderr, "Stress: a minute without an operation after %lld: deadlock\n", static_cast<long long>(seen));
       std::abort();
     }
   }
@@ -486,14 +476,15 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
     all.operations += log.operations;
     all.checked += log.checked;
   }
-  for (const auto& [tx, rows] : all.committed) all.rows += rows;
+  std::int64_t rows = 0;
+  for (const auto& [tx, k] : all.committed) rows += k;
   EXPECT_GT(all.swaps, 0) << "no swap ran";
 
   // Each transaction's rows and the counter are what the threads saw commit;
   // the generation counts the swaps; the index is one replacement's whole.
   const auto counter = *db.fetchone("SELECT commits, rows FROM stress_counter");
   EXPECT_EQ(counter[0].as_int(), static_cast<std::int64_t>(all.committed.size()));
-  EXPECT_EQ(counter[1].as_int(), all.rows);
+  EXPECT_EQ(counter[1].as_int(), rows);
   std::map<std::int64_t, std::int64_t> stored;
   for (const auto& r : db.fetchall("SELECT tx, COUNT(*) FROM stress_rows GROUP BY tx")) stored[r[0].as_int()] = r[1].as_int();
   EXPECT_EQ(stored, all.committed);
