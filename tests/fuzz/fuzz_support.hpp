@@ -2,15 +2,10 @@
 // keeps the input as a crash artifact) and the module logger's lines.
 #pragma once
 
-#include <spdlog/details/null_mutex.h>
-#include <spdlog/sinks/base_sink.h>
+#include <spdlog/sinks/ostream_sink.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
+#include <sstream>
 
 #include "marsk_quorvi/storage/logging.hpp"
 
@@ -19,26 +14,19 @@
 
 namespace marsk_quorvi::fuzz {
 
-using LogRecords = std::vector<std::pair<spdlog::level::level_enum, std::string>>;
-
-// The module logger's records at every level, emptied on each call; its only
-// sink from the first call on. One fuzzing thread, so no lock.
-inline LogRecords& captured_log() {
-  struct Sink : spdlog::sinks::base_sink<spdlog::details::null_mutex> {
-    LogRecords records;
-    void sink_it_(const spdlog::details::log_msg& m) override {
-      records.emplace_back(m.level, std::string(m.payload.begin(), m.payload.end()));
-    }
-    void flush_() override {}
-  };
-  static const auto sink = [] {
-    auto created = std::make_shared<Sink>();
-    storage::database_logger()->sinks() = {created};
+// The module logger's lines at every level ("LEVEL text\n" each), emptied on
+// each call; its only sink from the first call on.
+inline std::ostringstream& captured_log() {
+  static std::ostringstream lines;
+  static const bool installed = [] {
+    auto sink = std::make_shared<spdlog::sinks::ostream_sink_st>(lines);
+    sink->set_pattern("%l %v");
+    storage::database_logger()->sinks() = {sink};
     storage::database_logger()->set_level(spdlog::level::trace);
-    return created;
+    return true;
   }();
-  sink->records.clear();
-  return sink->records;
+  lines.str("");
+  return lines;
 }
 
 }  // namespace marsk_quorvi::fuzz

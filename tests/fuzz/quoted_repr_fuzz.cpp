@@ -4,8 +4,6 @@
 // that reads back to exactly the characters they were.
 #include <algorithm>
 #include <optional>
-#include <string>
-#include <string_view>
 
 #include "fuzz_support.hpp"
 #include "storage/log.hpp"
@@ -16,7 +14,7 @@ namespace {
 
 namespace st = marsk_quorvi::storage;
 
-// A scan of the whole table, not the library's binary search, so that each checks the other.
+// A scan of the whole table, not the library's search, so that each checks the other.
 bool unprintable(char32_t cp) {
   return std::any_of(std::begin(unprintable_ranges), std::end(unprintable_ranges),
                      [cp](const auto& range) { return range[0] <= cp && cp <= range[1]; });
@@ -99,12 +97,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   auto& log = marsk_quorvi::fuzz::captured_log();
   st::detail::log(spdlog::level::warn, "Extractor stamp %s has %d members", q, static_cast<int>(size));
   st::detail::log(spdlog::level::info, "%s", text);
-  FUZZ_CHECK(log.size() == 2 && log[0].first == spdlog::level::warn);
-  FUZZ_CHECK(log[0].second == "Extractor stamp " + q + " has " + std::to_string(size) + " members");
-  FUZZ_CHECK(log[1].second == text);
   st::database_logger()->set_level(spdlog::level::warn);
   st::detail::log(spdlog::level::debug, "%s", q);
   st::database_logger()->set_level(spdlog::level::trace);
-  FUZZ_CHECK(log.size() == 2);
+  FUZZ_CHECK(log.str() ==
+             "warning Extractor stamp " + q + " has " + std::to_string(size) + " members\ninfo " + text + "\n");
   return 0;
 }

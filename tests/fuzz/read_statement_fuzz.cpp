@@ -1,9 +1,6 @@
 // The statement classifier decides which connection runs a query: a wrong
 // answer sends a write to a read-only connection or a read into the writer's
 // queue.
-#include <string>
-#include <string_view>
-
 #include "fuzz_support.hpp"
 #include "storage/database_impl.hpp"
 

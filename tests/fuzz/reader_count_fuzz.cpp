@@ -1,10 +1,7 @@
 // QUORVI_DB_READERS sizes the read pool; a value out of range would open
 // hundreds of connections or none by accident.
 #include <algorithm>
-#include <cstdlib>
 #include <iterator>
-#include <string>
-#include <string_view>
 
 #include "fuzz_support.hpp"
 #include "storage/database_impl.hpp"
