@@ -10,6 +10,7 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <mutex>
 #include <random>
 #include <set>
 #include <thread>
@@ -310,13 +311,6 @@ State content(storage::Database& db) {
   return s;
 }
 
-// What a thread did and saw.
-struct Log {
-  std::map<std::int64_t, std::int64_t> committed;  // transaction id -> rows
-  std::int64_t swaps = 0, operations = 0, checked = 0;
-  std::vector<std::string> failures;
-};
-
 // Run under ThreadSanitizer by the reliability script.
 using Stress = TempDirTest;
 
@@ -345,17 +339,22 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
   std::set<std::int64_t> file_counts = {0};
   for (const auto& state : known) file_counts.insert(static_cast<std::int64_t>(state.at("files").size()));
 
+  std::mutex mu;  // guards `committed` (transaction id -> rows) and `failures`
+  std::map<std::int64_t, std::int64_t> committed;
+  std::vector<std::string> failures;
+  std::atomic<std::int64_t> operations{0}, swaps{0}, checked{0};
   std::atomic<bool> stop{false};
   std::atomic<int> running{8};
-  std::atomic<std::int64_t> progress{0};
-  std::vector<Log> logs(8);
   auto worker = [&](int t) {
-    Log& log = logs[t];
     std::mt19937 rng(1000 + t);
     std::int64_t last_generation = 100, last_commits = 0, next_tx = 0;
-    auto check = [&](bool ok, const std::string& what) {
-      ++log.checked;
-      if (!ok) log.failures.push_back("thread " + std::to_string(t) + ": " + what);
+    // Whether to go on: a failure is noted (with the row read), and twenty end the thread.
+    auto check = [&](bool ok, std::string_view what, const storage::Row* row = nullptr) {
+      ++checked;
+      if (ok) return true;
+      std::lock_guard lock(mu);
+      failures.push_back("thread " + std::to_string(t) + ": " + std::string(what) + (row ? ": " + observed(*row) : ""));
+      return failures.size() < 20;
     };
     // Through execute: the owner of the transaction re-enters the lock.
     auto insert = [&](std::int64_t tx, int k, const char* kind) {
@@ -363,9 +362,10 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
     };
     auto commit = [&](storage::Cursor& c, std::int64_t tx, std::int64_t k) {
       c.execute("UPDATE stress_counter SET commits = commits + 1, rows = rows + ? WHERE id = 1", {k});
-      log.committed[tx] = k;
+      std::lock_guard lock(mu);
+      committed[tx] = k;
     };
-    for (; !stop && log.failures.size() <= 20; ++log.operations, ++progress) {
+    for (bool going = true; going && !stop; ++operations) {
       const int pick = std::uniform_int_distribution<int>(0, 99)(rng);
       const int k = std::uniform_int_distribution<int>(1, 4)(rng);
       const std::int64_t tx = (static_cast<std::int64_t>(t) << 32) | ++next_tx;
@@ -378,24 +378,24 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
               "(SELECT user_version FROM pragma_user_version), commits, rows, "
               "(SELECT COUNT(*) FROM stress_rows), (SELECT COUNT(*) FROM stress_rows WHERE kind = 'doomed') + "
               "(SELECT COUNT(*) FROM index_errors WHERE file_path LIKE 'doomed/%') FROM stress_counter");
-          check(r[0].as_int() == r[1].as_int(), "files and chunks of two states: " + r[0].to_text() + " " + r[1].to_text());
-          check(r[2].as_int() == 0, r[2].to_text() + " symbols without their file");
-          check(file_counts.count(r[0].as_int()) == 1, "a file count of no known state: " + r[0].to_text());
-          check(r[3].as_int() >= last_generation, "the generation went back to " + r[3].to_text());
-          check(r[5].as_int() == r[6].as_int(), "counter " + r[5].to_text() + " rows, " + r[6].to_text() + " stored");
-          check(r[7].as_int() == 0, "rows of a rolled-back transaction are visible");
-          check(r[4].as_int() >= last_commits, "the commit counter went back");
+          going = check(r[0].as_int() == r[1].as_int(), "files and chunks of two states", &r) &&
+                  check(r[2].as_int() == 0, "symbols without their file", &r) &&
+                  check(file_counts.count(r[0].as_int()) == 1, "a file count of no known state", &r) &&
+                  check(r[3].as_int() >= last_generation, "the generation went back", &r) &&
+                  check(r[5].as_int() == r[6].as_int(), "the counter and the rows disagree", &r) &&
+                  check(r[7].as_int() == 0, "rows of a rolled-back transaction are visible", &r) &&
+                  check(r[4].as_int() >= last_commits, "the commit counter went back", &r);
           last_generation = r[3].as_int();
           last_commits = r[4].as_int();
         } else if (pick < 38) {
           // Not read statements: on the writer connection, under the lock.
-          check(db.fetchone("PRAGMA page_count").has_value() && db.get_stats().size() == 5, "no page count or stats");
+          going = check(db.fetchone("PRAGMA page_count").has_value() && db.get_stats().size() == 5, "no stats");
         } else if (pick < 48) {
           db.transaction([&](storage::Cursor& c) {
             insert(tx, k, "plain");
             // Inside the transaction, queries run on the writer, which sees its own rows.
-            check((*db.fetchone("SELECT COUNT(*) FROM stress_rows WHERE tx = ?", {tx}))[0].as_int() == k,
-                  "a transaction does not see its own rows");
+            going = check((*db.fetchone("SELECT COUNT(*) FROM stress_rows WHERE tx = ?", {tx}))[0].as_int() == k,
+                          "a transaction does not see its own rows");
             commit(c, tx, k);
           });
         } else if (pick < 60) {
@@ -415,9 +415,8 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
         } else if (pick < 66) {
           // Rolled back on purpose, from the outer or from an inner scope.
           try {
-            db.transaction([&](storage::Cursor& c) {
+            db.transaction([&](storage::Cursor&) {
               insert(tx, k, "doomed");
-              commit(c, tx, k);
               db.record_error("doomed/" + std::to_string(tx), "stress_error");
               if (pick % 2 == 0) {
                 db.transaction([&](storage::Cursor&) {
@@ -427,25 +426,24 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
               }
               throw Deliberate{};
             });
+            going = check(false, "a transaction that threw committed");
           } catch (const Deliberate&) {
-            log.committed.erase(tx);
           }
-          check(log.committed.count(tx) == 0, "a transaction that threw committed");
         } else if (pick < 78) {
           db.record_error("loose/" + std::to_string(tx), pick % 2 ? storage::PARTIAL_PARSE_ERROR : "io_error", "m", k);
         } else if (pick < 82) {
           db.swap_index_from(stagings[std::uniform_int_distribution<std::size_t>(0, stagings.size() - 1)(rng)]);
-          ++log.swaps;
+          ++swaps;
         } else if (pick < 84) {
           db.clear_all();
         } else {
           const auto result = db.compact();
-          check(!result.skipped, "compaction skipped: " + result.skipped.value_or(""));
+          going = check(!result.skipped, "compaction skipped: " + result.skipped.value_or(""));
         }
       } catch (const std::exception& e) {
-        check(false, std::string("unexpected exception: ") + e.what());
+        going = check(false, std::string("unexpected exception: ") + e.what());
       } catch (const Deliberate&) {
-        check(false, "a deliberate failure escaped");
+        going = check(false, "a deliberate failure escaped");
       }
     }
     --running;
@@ -458,8 +456,8 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
   auto changed = started;
   for (std::int64_t seen = -1; running > 0; std::this_thread::sleep_for(std::chrono::milliseconds(100))) {
     if (Clock::now() - started > std::chrono::seconds(scaled(3, 60))) stop = true;
-    if (progress != seen) {
-      seen = progress;
+    if (operations != seen) {
+      seen = operations;
       changed = Clock::now();
     } else if (Clock::now() - changed > std::chrono::minutes(1)) {
       std::fprintf(stderr, "Stress: a minute without an operation after %lld: deadlock\n", static_cast<long long>(seen));
@@ -467,39 +465,27 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
     }
   }
   for (auto& th : threads) th.join();
-
-  Log all;
-  for (const auto& log : logs) {
-    for (const auto& f : log.failures) ADD_FAILURE() << f;
-    all.committed.insert(log.committed.begin(), log.committed.end());
-    all.swaps += log.swaps;
-    all.operations += log.operations;
-    all.checked += log.checked;
-  }
-  std::int64_t rows = 0;
-  for (const auto& [tx, k] : all.committed) rows += k;
-  EXPECT_GT(all.swaps, 0) << "no swap ran";
+  for (const auto& f : failures) ADD_FAILURE() << f;
+  EXPECT_GT(swaps, 0) << "no swap ran";
 
   // Each transaction's rows and the counter are what the threads saw commit;
   // the generation counts the swaps; the index is one replacement's whole.
-  const auto counter = *db.fetchone("SELECT commits, rows FROM stress_counter");
-  EXPECT_EQ(counter[0].as_int(), static_cast<std::int64_t>(all.committed.size()));
-  EXPECT_EQ(counter[1].as_int(), rows);
+  std::int64_t rows = 0;
+  for (const auto& [tx, n] : committed) rows += n;
+  EXPECT_EQ(observed(*db.fetchone("SELECT commits, rows FROM stress_counter")),
+            std::to_string(committed.size()) + "|" + std::to_string(rows));
   std::map<std::int64_t, std::int64_t> stored;
   for (const auto& r : db.fetchall("SELECT tx, COUNT(*) FROM stress_rows GROUP BY tx")) stored[r[0].as_int()] = r[1].as_int();
-  EXPECT_EQ(stored, all.committed);
-  EXPECT_EQ(db.index_generation(), 100 + all.swaps);
+  EXPECT_EQ(stored, committed);
+  EXPECT_EQ(db.index_generation(), 100 + swaps);
   const State now = content(db);
   const bool cleared = std::all_of(now.begin(), now.end(), [](const auto& table) { return table.second.empty(); });
   EXPECT_TRUE(cleared || std::count(known.begin() + 1, known.end(), now) == 1) << "no whole index";
   EXPECT_TRUE(db.check_integrity());
-  auto names = attached(db);
-  std::erase(names, "temp");
-  EXPECT_EQ(names, std::vector<std::string>{"main"});
-  std::printf("stress: %lld operations, %lld swaps, %zu commits\n", static_cast<long long>(all.operations),
-              static_cast<long long>(all.swaps), all.committed.size());
-  report_figure("stress_operations", all.operations);
-  report_figure("states_checked", all.checked);
+  std::printf("stress: %lld operations, %lld swaps, %zu commits\n", static_cast<long long>(operations),
+              static_cast<long long>(swaps), committed.size());
+  report_figure("stress_operations", operations);
+  report_figure("states_checked", checked);
 }
 
 }  // namespace
