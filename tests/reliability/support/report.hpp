@@ -1,55 +1,42 @@
-// Figures the reliability suite reports: each test appends "key<TAB>value"
-// lines to the file named by QUORVI_RELIABILITY_REPORT (when set), and the
-// suite's runner adds them up. O_APPEND keeps lines from several processes
-// whole.
+// The reliability suite's figures: "key<TAB>value" lines appended (O_APPEND
+// keeps the lines of several processes whole) to $QUORVI_RELIABILITY_REPORT,
+// which scripts/reliability.sh adds up.
 #pragma once
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <cstdlib>
 #include <random>
 #include <string>
-#include <string_view>
 
 namespace marsk_quorvi::testing {
 
-inline void report_figure(std::string_view key, std::int64_t value) {
+inline void report_figure(const std::string& key, std::int64_t value) {
   const char* target = std::getenv("QUORVI_RELIABILITY_REPORT");
-  if (target == nullptr || *target == '\0') return;
-  const std::string line = std::string(key) + "\t" + std::to_string(value) + "\n";
-  const int fd = ::open(target, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  const int fd = target && *target ? ::open(target, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644) : -1;
   if (fd < 0) return;
+  const std::string line = key + "\t" + std::to_string(value) + "\n";
   [[maybe_unused]] auto written = ::write(fd, line.data(), line.size());
   ::close(fd);
 }
 
-// QUORVI_RELIABILITY_SCALE=full runs the long versions (hundreds of crashes,
-// longer stress); "exhaustive" is the full run with every fault point of
-// every operation visited, which takes hours; anything else runs the quick
-// ones that CI can afford.
-inline bool exhaustive_scale() {
+// QUORVI_RELIABILITY_SCALE "full" runs the long versions, "exhaustive" those
+// with every fault point (hours); anything else the quick ones CI affords.
+inline std::string scale() {
   const char* scale = std::getenv("QUORVI_RELIABILITY_SCALE");
-  return scale != nullptr && std::string_view(scale) == "exhaustive";
+  return scale ? scale : "quick";
 }
-
-inline bool full_scale() {
-  const char* scale = std::getenv("QUORVI_RELIABILITY_SCALE");
-  return exhaustive_scale() || (scale != nullptr && std::string_view(scale) == "full");
-}
-
-// The seed of a randomised test: QUORVI_CRASH_SEED replays a failed run,
-// whose seed the test prints; otherwise a fresh one.
-inline std::uint32_t crash_seed() {
-  if (const char* fixed = std::getenv("QUORVI_CRASH_SEED")) return static_cast<std::uint32_t>(std::stoul(fixed));
-  return std::random_device{}();
-}
-
-// `quick` in a normal run, `full` in the full and exhaustive ones.
+inline bool exhaustive_scale() { return scale() == "exhaustive"; }
 template <class T>
 T scaled(T quick, T full) {
-  return full_scale() ? full : quick;
+  return scale() == "full" || exhaustive_scale() ? full : quick;
+}
+
+// A randomised test's seed, which it prints: QUORVI_CRASH_SEED replays a run.
+inline std::uint32_t crash_seed() {
+  const char* fixed = std::getenv("QUORVI_CRASH_SEED");
+  return fixed ? static_cast<std::uint32_t>(std::stoul(fixed)) : std::random_device{}();
 }
 
 }  // namespace marsk_quorvi::testing
