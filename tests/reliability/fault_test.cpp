@@ -23,8 +23,6 @@ namespace {
 namespace fs = std::filesystem;
 constexpr std::int64_t kPage = storage::storage_size::PAGE_SIZE;
 
-// ------------------------------------------------------------------ the VFS
-
 enum class FaultOp { write, sync, truncate, open, read, remove, any };
 
 struct Fault {
@@ -33,12 +31,6 @@ struct Fault {
   bool full = false;        // a full disk rather than an I/O error
   bool persistent = false;  // the Nth and every later one, as a disk that died or filled up
 };
-
-std::string to_string(const Fault& f) {
-  static const char* const names[] = {"write", "sync", "truncate", "open", "read", "delete", "any"};
-  return std::string(names[static_cast<int>(f.op)]) + " #" + std::to_string(f.nth) + (f.full ? " disk full" : "") +
-         (f.persistent ? " from then on" : " once");
-}
 
 // Once installed it is SQLite's default VFS over the real one, so every file
 // opened (journals, logs and temporary files too) goes through it: it counts
@@ -64,8 +56,8 @@ struct FaultVfs {
     const std::int64_t n = fault.op == FaultOp::any ? of_any : of_kind;
     if (fault.persistent ? n < fault.nth : n != fault.nth) return SQLITE_OK;
     ++fired;
-    static const int codes[] = {SQLITE_IOERR_WRITE, SQLITE_IOERR_FSYNC, SQLITE_IOERR_TRUNCATE, SQLITE_CANTOPEN,
-                                SQLITE_IOERR_READ, SQLITE_IOERR_DELETE};
+    static const int codes[] = {SQLITE_IOERR_WRITE, SQLITE_IOERR_FSYNC, SQLITE_IOERR_TRUNCATE,
+                                SQLITE_CANTOPEN,    SQLITE_IOERR_READ,  SQLITE_IOERR_DELETE};
     return fault.full ? SQLITE_FULL : codes[static_cast<int>(op)];
   }
 
@@ -137,8 +129,6 @@ int limit_commits(sqlite3* db, char**, const sqlite3_api_routines*) {
   return SQLITE_OK;
 }
 
-// ------------------------------------------------------------------ the operations
-
 // SQLite answers some pragmas from what the connection last read: the header is read first.
 std::string pragma(storage::Database& db, const std::string& name) {
   db.fetchone("PRAGMA schema_version");
@@ -146,8 +136,8 @@ std::string pragma(storage::Database& db, const std::string& name) {
 }
 
 bool below_thresholds(storage::Database& db) {
-  const double free = std::stod(pragma(db, "freelist_count"));
-  return free < storage::COMPACT_MIN_FREE_PAGES || free < std::stod(pragma(db, "page_count")) * storage::COMPACT_MIN_FREE_RATIO;
+  const double free = std::stod(pragma(db, "freelist_count")), pages = std::stod(pragma(db, "page_count"));
+  return free < storage::COMPACT_MIN_FREE_PAGES || free < pages * storage::COMPACT_MIN_FREE_RATIO;
 }
 
 // The texts SQLite gives the failures the VFS injects: alone, after what FTS5
@@ -261,7 +251,7 @@ const Scenario kScenarios[] = {
        const auto names = attached(db);
        EXPECT_EQ(std::count(names.begin(), names.end(), "stg"), 0) << "the staging file stayed attached";
        EXPECT_EQ(snapshot(db.db_path.parent_path() / "staging.db"), staging_before) << "the staging file changed";
-       if (!out.fired) EXPECT_TRUE(below_thresholds(db) && std::stoi(pragma(db, "page_count")) < 800) << "no compaction";
+       if (!out.fired) EXPECT_TRUE(below_thresholds(db) && std::stoi(pragma(db, "page_count")) < 800);
      }},
     {.name = "clear_all",
      .prepare = [](const fs::path& dir) { return seeded(dir / "small.db"); },
@@ -314,16 +304,14 @@ const Scenario kScenarios[] = {
      .quick_points = 24,
      .after = [](TestDb&, const Outcome& out, const State& seen, LogCapture& log) {
        if (!out.message.starts_with("Schema migration")) return;
-       const std::vector<std::string> versions = {"1.0.0", "2.0.0", "3.0.0", "3.1.0"};
+       const std::string versions[] = {"1.0.0", "2.0.0", "3.0.0", "3.1.0"};
        const auto& info = seen.at("schema_info");
        const auto row = std::find_if(info.begin(), info.end(), [](auto& r) { return r.starts_with("version|"); });
-       const auto at = std::find(versions.begin(), versions.end(), row->substr(8));
-       ASSERT_TRUE(at + 1 < versions.end()) << *row;
+       const auto at = std::find(std::begin(versions), std::end(versions) - 1, row->substr(8));
+       ASSERT_NE(at, std::end(versions) - 1) << *row;
        EXPECT_TRUE(out.message.starts_with("Schema migration to " + at[1] + " failed: ")) << out.message;
-       const auto warned = log.matching("Schema migration from ");
-       ASSERT_EQ(warned.size(), 1u);
-       EXPECT_EQ(warned[0].level, spdlog::level::warn);
-       EXPECT_TRUE(warned[0].text.starts_with("Schema migration from " + *at + " to " + at[1] + " failed\n"));
+       EXPECT_EQ(log.matching("Schema migration from ").at(0).level, spdlog::level::warn);
+       EXPECT_EQ(log.matching("Schema migration from " + *at + " to " + at[1] + " failed\n").size(), 1u);
      },
      .first_delete = 2},
     {.name = "open_new_file",
@@ -335,8 +323,6 @@ const Scenario kScenarios[] = {
      .opens = true,
      .all_or_nothing = false},
 };
-
-// ------------------------------------------------------------------ the sweep
 
 // The values of N visited among `total` points: evenly spread (a swap has
 // thousands, so the full run visits 250 and only the exhaustive one all), the
@@ -432,7 +418,9 @@ TEST_P(FaultSweep, EveryFaultLeavesACommittedStateAndAHandleThatGoesOn) {
     for (const std::int64_t n : points_for(total, s.quick_points)) {
       if (fault.op == FaultOp::remove && n < s.first_delete) continue;
       fault.nth = n;
-      SCOPED_TRACE(to_string(fault) + " of " + std::to_string(total));
+      static const char* const names[] = {"write", "sync", "truncate", "open", "read", "delete", "any"};
+      SCOPED_TRACE(std::string(names[static_cast<int>(fault.op)]) + " #" + std::to_string(n) + " of " +
+                   std::to_string(total) + (fault.full ? ", disk full" : "") + (fault.persistent ? ", from then on" : ""));
       const Outcome out = attempt(s, db, fault);
       fired += out.fired;
       reached += out.raised || out.result != reference.result;
@@ -475,16 +463,13 @@ TEST_P(FaultSweep, EveryFaultLeavesACommittedStateAndAHandleThatGoesOn) {
     }
   }
   EXPECT_GT(reached, 0) << "no fault ever changed what the operation did";
-  std::printf("[ points   ] %s: %zu states, %lld faults fired\n", s.name.c_str(), states.size(),
-              static_cast<long long>(fired));
+  std::printf("[ points   ] %s: %zu states, %lld faults fired\n", s.name.c_str(), states.size(), static_cast<long long>(fired));
   report_figure("fault_points", fired);
   report_figure("states_checked", 3 * fired);
 }
 
 INSTANTIATE_TEST_SUITE_P(Operations, FaultSweep, ::testing::ValuesIn(kScenarios),
                          [](const auto& info) { return info.param.name; });
-
-// ------------------------------------------------------------------ bad staging files
 
 // The file's bytes; none for no file (or a directory).
 std::optional<std::string> bytes(const fs::path& p) {
@@ -600,12 +585,8 @@ TEST_F(BadStaging, IsRefusedAndLeavesLiveIndexStagingFileAndHandleAsTheyWere) {
       got = std::string(e.kind()) + " " + e.what();
     }
     EXPECT_EQ(got, error + (error.ends_with(": ") ? staging.string() : ""));
-    if (error.empty()) {
-      EXPECT_EQ(index_only(*db).first, staged);
-      EXPECT_EQ(snapshot(*db).at("schema_info"), before.at("schema_info"));
-    } else {
-      EXPECT_EQ(snapshot(*db), before);
-    }
+    EXPECT_EQ(error.empty() ? index_only(*db).first : snapshot(*db), error.empty() ? staged : before);
+    EXPECT_EQ(snapshot(*db).at("schema_info"), before.at("schema_info"));
     EXPECT_EQ(index_only(*db).second, std::vector<std::string>{"main"}) << "the staging file stayed attached";
     EXPECT_EQ(bytes(staging), file_before) << "the staging file changed";
     EXPECT_EQ(bytes(staging.string() + "-wal"), log_before) << "the staging file's log changed";

@@ -57,8 +57,8 @@ constexpr const char* kStateQuery = R"sql(SELECT
      (SELECT ifnull(substr(min(name), 6), 'none') FROM components)),
   (SELECT substr(text, 1, 48) FROM code_chunks WHERE rowid = (SELECT max(rowid) FROM code_chunks)))sql";
 
-// A row of kStateQuery as the peer prints it: "generation|fingerprint".
-std::string observed(const storage::Row& row) {
+// A row as the peer prints it, its columns joined by '|'.
+std::string joined(const storage::Row& row) {
   std::string line;
   for (std::size_t i = 0; i < row.size(); ++i) line += (i ? "|" : "") + row[i].to_text();
   return line;
@@ -82,7 +82,7 @@ struct States {
       }
       auto conn = storage::Connection::open(file.string());
       conn->execute("PRAGMA journal_mode=DELETE").fetchall();
-      const std::string line = observed(*conn->execute(kStateQuery).fetchone());
+      const std::string line = joined(*conn->execute(kStateQuery).fetchone());
       fingerprints.push_back(line.substr(line.find('|') + 1));
     }
   }
@@ -95,7 +95,7 @@ struct States {
     return g;
   }
 
-  // Opened as a service opens it, `live` must be sound, be laid out as a new
+  // Opened as a service opens it, `live` must be sound, laid out as a new
   // file, and hold the state of a generation from what the dead writer had
   // surely committed to the last swap it had begun.
   std::int64_t expect_sound(const fs::path& live, std::int64_t lowest, std::int64_t highest) const {
@@ -105,9 +105,9 @@ struct States {
     db.migrate_schema();
     EXPECT_TRUE(db.check_integrity());
     EXPECT_NO_THROW(db.execute("INSERT INTO code_chunks(code_chunks) VALUES('integrity-check')"));
-    EXPECT_EQ(observed(*db.fetchone("SELECT page_size, auto_vacuum FROM pragma_page_size, pragma_auto_vacuum")),
+    EXPECT_EQ(joined(*db.fetchone("SELECT page_size, auto_vacuum FROM pragma_page_size, pragma_auto_vacuum")),
               std::to_string(storage::storage_size::PAGE_SIZE) + "|2");
-    const std::int64_t g = expect_whole(observed(*db.fetchone(kStateQuery)));
+    const std::int64_t g = expect_whole(joined(*db.fetchone(kStateQuery)));
     EXPECT_TRUE(lowest <= g && g <= highest) << g << " outside " << lowest << " .. " << highest;
     return g;
   }
@@ -221,7 +221,8 @@ TEST_F(Processes, KilledSwapLoopsLeaveTheStateTheirGenerationImpliesAndObservers
     const std::string aim = kill < rewrites ? "rewrite" : aims[(kill + seed) % 5];
     SCOPED_TRACE("kill " + std::to_string(kill) + " aimed at " + aim);
     if (aim == "rewrite") {
-      while (!large_state(generation)) ++generation;  // the longest rewrite
+      // An older build's file with pages of 4096 bytes, in a large state: the longest rewrite.
+      while (!large_state(generation)) ++generation;
       for (const char* suffix : {"", "-wal", "-shm", "-journal"}) fs::remove(live.string() + suffix);
       fs::create_directories(live.parent_path());
       fs::copy_file(states.staging((generation - 1) % 4), live);
@@ -255,17 +256,16 @@ TEST_F(Processes, KilledSwapLoopsLeaveTheStateTheirGenerationImpliesAndObservers
     generations.insert(generation);
     follow();
     ASSERT_FALSE(HasFailure()) << "the swap loop's last lines:\n" << run.tail;
-    if (kill + 1 != rewrites) continue;
-    for (int i = 0; i < 2; ++i) {
+    for (int i = 0; i < 2 && kill + 1 == rewrites; ++i) {
       observers.push_back(std::make_unique<PeerProcess>(
           std::vector<std::string>{"observe", live.string(), kStateQuery, path("stop").string()}));
     }
   }
 
-  // Then a loop that runs through, until each observer has seen four generations.
+  // Then a loop that runs through, until each observer has seen six generations.
   SwapLoop last(live, states, took);
   const auto enough = Clock::now() + std::chrono::seconds(scaled(3, 30));
-  while (Clock::now() < enough || seen[0].size() < 4 || seen[1].size() < 4) {
+  while (Clock::now() < enough || seen[0].size() < 6 || seen[1].size() < 6) {
     ASSERT_LT(Clock::now(), enough + std::chrono::minutes(5)) << "the observers saw too few generations";
     last.until([](auto&) { return false; }, Clock::now() + std::chrono::milliseconds(20));
     ASSERT_FALSE(last.ended()) << "the swap loop stopped:\n" << last.tail;
@@ -290,10 +290,6 @@ TEST_F(Processes, KilledSwapLoopsLeaveTheStateTheirGenerationImpliesAndObservers
   report_figure("states_checked", kills + 1 + observations);
 }
 
-// ------------------------------------------------------------------ threads
-
-struct Deliberate {};  // thrown inside transactions on purpose
-
 // Rows of transactions and a counter bumped in the same transactions, which
 // swaps and clears never touch.
 constexpr const char* kStressSchema = R"sql(
@@ -302,14 +298,7 @@ CREATE INDEX stress_rows_tx ON stress_rows(tx);
 CREATE TABLE stress_counter (id INTEGER PRIMARY KEY CHECK (id = 1), commits INTEGER NOT NULL, rows INTEGER NOT NULL);
 INSERT INTO stress_counter VALUES (1, 0, 0);)sql";
 
-// The index tables, without the error rows the threads write.
-State content(storage::Database& db) {
-  State s = index_content(snapshot(db));
-  s.erase("schema_info");
-  s.erase("generation");
-  std::erase_if(s["index_errors"], [](const std::string& row) { return row.find("|loose/") != std::string::npos; });
-  return s;
-}
+struct Deliberate {};  // thrown inside transactions on purpose
 
 // Run under ThreadSanitizer by the reliability script.
 using Stress = TempDirTest;
@@ -324,20 +313,13 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
                   "INSERT INTO index_errors (file_path, error_type, message, line) "
                   "SELECT 'bulk/' || i, 'parse_error', hex(randomblob(3500)), i FROM n");
       })};
+  const std::set<std::int64_t> file_counts = {0, 80, 120, 30, 50};  // of every index a reader may see
   storage::Database db(path("live/index.db"));
   db.connect();
   db.create_schema();
   db.connection()->executescript(kStressSchema);
   seed_index(db, {.files = 80, .symbols = 240, .edges = 100, .chunk_bytes = 100, .tag = "live"});
   db.execute("PRAGMA user_version = 100");
-  std::vector<State> known = {content(db)};  // every index a reader may see: this, the staged ones, none
-  for (const auto& p : stagings) {
-    storage::Database staged(p);
-    staged.connect();
-    known.push_back(content(staged));
-  }
-  std::set<std::int64_t> file_counts = {0};
-  for (const auto& state : known) file_counts.insert(static_cast<std::int64_t>(state.at("files").size()));
 
   std::mutex mu;  // guards `committed` (transaction id -> rows) and `failures`
   std::map<std::int64_t, std::int64_t> committed;
@@ -353,7 +335,7 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
       ++checked;
       if (ok) return true;
       std::lock_guard lock(mu);
-      failures.push_back("thread " + std::to_string(t) + ": " + std::string(what) + (row ? ": " + observed(*row) : ""));
+      failures.push_back("thread " + std::to_string(t) + ": " + std::string(what) + (row ? ": " + joined(*row) : ""));
       return failures.size() < 20;
     };
     // Through execute: the owner of the transaction re-enters the lock.
@@ -418,12 +400,7 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
             db.transaction([&](storage::Cursor&) {
               insert(tx, k, "doomed");
               db.record_error("doomed/" + std::to_string(tx), "stress_error");
-              if (pick % 2 == 0) {
-                db.transaction([&](storage::Cursor&) {
-                  insert(tx, 1, "doomed");
-                  throw Deliberate{};
-                });
-              }
+              if (pick % 2 == 0) db.transaction([&](storage::Cursor&) { throw Deliberate{}; });
               throw Deliberate{};
             });
             going = check(false, "a transaction that threw committed");
@@ -468,19 +445,16 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
   for (const auto& f : failures) ADD_FAILURE() << f;
   EXPECT_GT(swaps, 0) << "no swap ran";
 
-  // Each transaction's rows and the counter are what the threads saw commit;
-  // the generation counts the swaps; the index is one replacement's whole.
+  // Each transaction's rows and the counter are what the threads saw commit,
+  // and the generation counts the swaps.
   std::int64_t rows = 0;
   for (const auto& [tx, n] : committed) rows += n;
-  EXPECT_EQ(observed(*db.fetchone("SELECT commits, rows FROM stress_counter")),
+  EXPECT_EQ(joined(*db.fetchone("SELECT commits, rows FROM stress_counter")),
             std::to_string(committed.size()) + "|" + std::to_string(rows));
   std::map<std::int64_t, std::int64_t> stored;
   for (const auto& r : db.fetchall("SELECT tx, COUNT(*) FROM stress_rows GROUP BY tx")) stored[r[0].as_int()] = r[1].as_int();
   EXPECT_EQ(stored, committed);
   EXPECT_EQ(db.index_generation(), 100 + swaps);
-  const State now = content(db);
-  const bool cleared = std::all_of(now.begin(), now.end(), [](const auto& table) { return table.second.empty(); });
-  EXPECT_TRUE(cleared || std::count(known.begin() + 1, known.end(), now) == 1) << "no whole index";
   EXPECT_TRUE(db.check_integrity());
   std::printf("stress: %lld operations, %lld swaps, %zu commits\n", static_cast<long long>(operations),
               static_cast<long long>(swaps), committed.size());

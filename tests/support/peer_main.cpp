@@ -17,7 +17,6 @@
 #include <chrono>
 #include <filesystem>
 #include <iostream>
-#include <string>
 #include <thread>
 
 #include "marsk_quorvi/storage/database.hpp"
@@ -33,7 +32,10 @@ std::string joined(const std::optional<Row>& row) {
   return line;
 }
 
-void sleep_for(const char* seconds) { std::this_thread::sleep_for(std::chrono::duration<double>(std::stod(seconds))); }
+void ready_then_sleep(const char* seconds) {
+  std::cout << "ready" << std::endl;
+  std::this_thread::sleep_for(std::chrono::duration<double>(std::stod(seconds)));
+}
 
 int swap_loop(Database& db, const std::filesystem::path& dir, long long count) {
   auto staging = [&](long long n) { return dir / ("staging-" + std::to_string(n) + ".db"); };
@@ -55,14 +57,13 @@ int swap_loop(Database& db, const std::filesystem::path& dir, long long count) {
     std::cout << "swapping " << g << " -> " << g + 1 << " from staging-" << g % k << std::endl;
     try {
       db.swap_index_from(staging(g % k));
+      std::cout << "swapped " << g + 1 << std::endl;
     } catch (const OperationalError& e) {
       // Another process that opens the file commits its auto-vacuum mode to the
       // header: a swap that read before is refused, changing nothing; tried again.
       if (std::string_view(e.what()) != "database is locked") throw;
       std::cout << "refused " << g + 1 << ": " << e.what() << std::endl;
-      continue;
     }
-    std::cout << "swapped " << g + 1 << std::endl;
   }
   return 0;
 }
@@ -79,8 +80,7 @@ int main(int argc, char** argv) {
     if (command == "lock" && argc >= 4) {
       auto conn = Connection::open(argv[2]);
       conn->execute("BEGIN IMMEDIATE");
-      std::cout << "ready" << std::endl;
-      sleep_for(argv[3]);
+      ready_then_sleep(argv[3]);
       conn->execute("COMMIT");
       return 0;
     }
@@ -94,13 +94,11 @@ int main(int argc, char** argv) {
       db.execute(argv[3]);
     } else if (command == "hold" && argc >= 4) {
       db.fetchone("SELECT count(*) FROM sqlite_master");
-      std::cout << "ready" << std::endl;
-      sleep_for(argv[3]);
+      ready_then_sleep(argv[3]);
     } else if (command == "snapshot" && argc >= 4) {
       db.transaction([&](Cursor& cursor) {
         cursor.execute("SELECT count(*) FROM sqlite_master").fetchall();
-        std::cout << "ready" << std::endl;
-        sleep_for(argv[3]);
+        ready_then_sleep(argv[3]);
       });
     } else if (command == "swap-loop" && argc >= 4) {
       if (const int status = swap_loop(db, argv[3], argc >= 5 ? std::stoll(argv[4]) : -1)) return status;
@@ -111,12 +109,8 @@ int main(int argc, char** argv) {
         db.migrate_schema();
       }
       const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(observe ? 900 : 120);
-      std::string last;
-      for (long long n = 0;; ++n) {
-        if (observe && std::filesystem::exists(argv[4])) {
-          std::cout << "observations " << n << std::endl;
-          break;
-        }
+      long long n = 0;
+      for (std::string last; !observe || !std::filesystem::exists(argv[4]); ++n) {
         const std::string now = joined(db.fetchone(argv[3]));
         if (n == 0 || now != last) std::cout << now << std::endl;
         last = now;
@@ -124,6 +118,7 @@ int main(int argc, char** argv) {
         if (std::chrono::steady_clock::now() > deadline) return 3;
         if (observe) std::this_thread::sleep_for(std::chrono::milliseconds(2));  // the cores are the writer's too
       }
+      if (observe) std::cout << "observations " << n << std::endl;
     } else {
       std::cerr << "unknown command " << command << "\n";
       return 2;
