@@ -1,7 +1,5 @@
-// The extractor stamp is read from a file that any process, or any older
-// build, may have written: whatever the text, parsing it never throws, what
-// it refuses is warned about, and what it accepts is stored and read back
-// unchanged.
+// The extractor stamp is read from a file any process or older build may have written: parsing
+// never throws, warns about what it refuses, and what it accepts is stored and read back unchanged.
 #include <nlohmann/json.hpp>
 
 #include <algorithm>

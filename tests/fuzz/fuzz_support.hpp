@@ -1,5 +1,4 @@
-// Shared by the fuzz targets: a property check that aborts (libFuzzer then
-// keeps the input as a crash artifact) and the module logger's lines.
+// A property check that aborts (libFuzzer keeps the input as an artifact), and the logger's lines.
 #pragma once
 
 #include <spdlog/sinks/ostream_sink.h>
@@ -14,8 +13,7 @@
 
 namespace marsk_quorvi::fuzz {
 
-// The module logger's lines at every level ("LEVEL text\n" each), emptied on
-// each call; its only sink from the first call on.
+// The module logger's lines at every level, "LEVEL text\n" each, emptied on each call.
 inline std::ostringstream& captured_log() {
   static std::ostringstream lines;
   static const bool installed = [] {

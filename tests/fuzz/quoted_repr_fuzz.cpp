@@ -1,7 +1,6 @@
-// The quoted form ("%r") puts stored text into log lines, where a raw control
-// character, a bidi override or a broken byte sequence would corrupt the log
-// or the terminal that shows it: any bytes must come out as printable UTF-8
-// that reads back to exactly the characters they were.
+// The quoted form ("%r") puts stored text into log lines, where a control character, a bidi
+// override or broken UTF-8 would corrupt the log or its terminal: any bytes must come out as
+// printable UTF-8 that reads back to exactly the characters they were.
 #include <algorithm>
 #include <optional>
 
@@ -20,8 +19,7 @@ bool unprintable(char32_t cp) {
                      [cp](const auto& range) { return range[0] <= cp && cp <= range[1]; });
 }
 
-// Strict UTF-8 (no overlong forms, no surrogates, nothing past U+10FFFF): the
-// code point at `i`, moving past it; none, `i` unmoved, at an invalid sequence.
+// Strict UTF-8: the code point at `i`, moving past it; none, `i` unmoved, at an invalid sequence.
 std::optional<char32_t> decode(std::string_view s, std::size_t& i) {
   const auto b0 = static_cast<unsigned char>(s[i]);
   const std::size_t len = b0 < 0x80 ? 1 : b0 < 0xc2 ? 0 : b0 <= 0xdf ? 2 : b0 <= 0xef ? 3 : b0 <= 0xf4 ? 4 : 0;
@@ -38,8 +36,7 @@ std::optional<char32_t> decode(std::string_view s, std::size_t& i) {
   return cp;
 }
 
-// The characters of any bytes, a stray byte standing as the lone surrogate
-// U+DC00 + its value, which valid text never holds.
+// The characters of any bytes, a stray byte as the lone surrogate U+DC00 + its value.
 std::u32string characters(std::string_view s) {
   std::u32string out;
   for (std::size_t i = 0; i < s.size();) {
@@ -49,8 +46,7 @@ std::u32string characters(std::string_view s) {
   return out;
 }
 
-// Reads the body of a quoted form back into characters, checking each raw
-// one and each escape against the table on the way.
+// The body of a quoted form read back, each raw character and escape checked against the table.
 std::u32string read_back(std::string_view body, char quote) {
   std::u32string out;
   for (std::size_t i = 0; i < body.size();) {
@@ -75,15 +71,13 @@ std::u32string read_back(std::string_view body, char quote) {
       cp = cp * 16 + static_cast<char32_t>(c <= '9' ? c - '0' : c - 'a' + 10);
     }
     i += digits;
-    // The table holds every surrogate, so a stray byte passes; the shortest
-    // numeric form, and none for a character that has a named one.
+    // The shortest numeric form, none for a named one; the table holds every surrogate (stray bytes).
     FUZZ_CHECK(unprintable(cp) && digits == (cp <= 0xff ? 2u : cp <= 0xffff ? 4u : 8u));
     FUZZ_CHECK(cp != '\n' && cp != '\t' && cp != '\r');
     out.push_back(cp);
   }
   return out;
 }
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -1,5 +1,4 @@
-// QUORVI_DB_READERS sizes the read pool; a value out of range would open
-// hundreds of connections or none by accident.
+// QUORVI_DB_READERS sizes the read pool: a value out of range would open hundreds of connections.
 #include <algorithm>
 #include <iterator>
 
@@ -8,8 +7,7 @@
 
 namespace st = marsk_quorvi::storage;
 
-// Blanks, a sign and decimal digits give the number clamped to 0..32 (read as
-// text, so that no integer overflows); anything else the default, 6.
+// Blanks, a sign and digits give the number clamped to 0..32 (read as text: no overflow), all else 6.
 static int expected(std::string_view raw) {
   const auto first = raw.find_first_not_of(" \t\n\r\v\f");
   if (first == std::string_view::npos) return st::detail::kDefaultReaders;
@@ -21,7 +19,6 @@ static int expected(std::string_view raw) {
   if (v.empty() || negative) return 0;
   return v.size() > 2 ? st::detail::kMaxReaders : std::min(std::stoi(std::string(v)), st::detail::kMaxReaders);
 }
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   // A value, as the environment holds it, ends at its first NUL.
   const std::string raw(reinterpret_cast<const char*>(data), std::find(data, data + size, 0) - data);

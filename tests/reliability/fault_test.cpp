@@ -32,10 +32,8 @@ struct Fault {
   bool persistent = false;  // the Nth and every later one, as a disk that died or filled up
 };
 
-// Once installed it is SQLite's default VFS over the real one, so every file
-// opened (journals, logs and temporary files too) goes through it: it counts
-// the operations of each kind and, once armed, fails the Nth with the error
-// SQLite's own VFS reports for it.
+// The default VFS once installed, so every file goes through it, journals and logs too: it
+// counts the operations of each kind and, once armed, fails the Nth as SQLite's own VFS would.
 struct FaultVfs {
   static inline std::atomic<bool> armed{false};
   static inline Fault fault{FaultOp::any, 0};  // written only while disarmed
@@ -60,11 +58,8 @@ struct FaultVfs {
                                 SQLITE_CANTOPEN,    SQLITE_IOERR_READ,  SQLITE_IOERR_DELETE};
     return fault.full ? SQLITE_FULL : codes[static_cast<int>(op)];
   }
-
-  // A file keeps the real VFS's state; only its method table is swapped for a
-  // copy whose read, write, truncate and sync count first (a failed write
-  // writes nothing). The copy leads with the table, so a file's methods lead
-  // back to the real ones.
+  // A file keeps the real VFS's state and gets a copy of its methods that counts first (a
+  // failed write writes nothing); the copy leads with the table, so it leads back to the real one.
   struct Patched {
     sqlite3_io_methods methods;
     const sqlite3_io_methods* real;
@@ -134,15 +129,13 @@ std::string pragma(storage::Database& db, const std::string& name) {
   db.fetchone("PRAGMA schema_version");
   return (*db.fetchone("PRAGMA " + name))[0].to_text();
 }
-
 bool below_thresholds(storage::Database& db) {
   const double free = std::stod(pragma(db, "freelist_count")), pages = std::stod(pragma(db, "page_count"));
   return free < storage::COMPACT_MIN_FREE_PAGES || free < pages * storage::COMPACT_MIN_FREE_RATIO;
 }
 
-// The texts SQLite gives the failures the VFS injects: alone, after what FTS5
-// or a failed migration step puts before them, or only the table's name when
-// a read fails while the full-text table loads.
+// SQLite's texts for the injected failures: alone, behind FTS5's or a migration step's context,
+// or only the table's name when a read fails while the full-text table loads.
 bool expected_failure(std::string m) {
   if (m.starts_with("Schema migration to ")) m = m.substr(m.find(" failed: ") + 9);
   for (const std::string text : {"disk I/O error", "database or disk is full", "unable to open database file"}) {
@@ -150,13 +143,11 @@ bool expected_failure(std::string m) {
   }
   return m.starts_with("unable to open database: ") || m == "vtable constructor failed: code_chunks";
 }
-
 fs::path seeded(const fs::path& p, const Seed& seed = {40, 120, 80, 64, "old"}) {
   return make_staging_file(p, seed, [](storage::Database& db) { db.refresh_extractor_stamp({{"py", 1}}); });
 }
 
-// An index followed by 2200 free pages between rows kept, so that releasing
-// them moves pages; `auto_vacuum` 0 makes a file that needs the conversion.
+// 2200 free pages between rows kept, so that releasing them moves pages; `auto_vacuum` 0 needs the conversion.
 fs::path free_pages(const fs::path& p, int auto_vacuum, const Seed& seed = {40, 120, 80, 64, "old"}, int doc = 2) {
   storage::Connection::open(p.string())->executescript("PRAGMA page_size=" + std::to_string(kPage) +
                                                        "; PRAGMA auto_vacuum=" + std::to_string(auto_vacuum) +
@@ -169,8 +160,7 @@ fs::path free_pages(const fs::path& p, int auto_vacuum, const Seed& seed = {40, 
   });
 }
 
-// An index with an older build's pages of 4096 bytes and the tables of the
-// first release, whose version it records.
+// An older build's index: pages of 4096 bytes and the first release's tables and version.
 fs::path older_build(const fs::path& dir) {
   auto conn = storage::Connection::open(seeded(dir / "older.db", {40, 120, 80, 200, "old"}).string());
   conn->executescript(R"sql(PRAGMA journal_mode=DELETE; PRAGMA page_size=4096;
@@ -190,7 +180,6 @@ struct Outcome {
   std::string message, result;
   bool fired = false;
 };
-
 struct Scenario {
   std::string name;
   fs::path (*prepare)(const fs::path& dir);
@@ -206,12 +195,10 @@ void PrintTo(const Scenario& s, std::ostream* os) { *os << s.name; }
 
 storage::Compaction last;
 State staging_before;
-
 void compact(TestDb& db, std::string& result) {
   last = db.compact();
   result = std::to_string(last.converted) + " " + std::to_string(last.pages_released) + " " + last.skipped.value_or("");
 }
-
 // A compaction never raises: a fault ends in `skipped` "failed: ...".
 void expect_reported(const Outcome& out) {
   EXPECT_FALSE(out.raised) << out.message;
@@ -220,7 +207,6 @@ void expect_reported(const Outcome& out) {
   EXPECT_EQ(last.pages_released, 0);
   EXPECT_FALSE(last.converted);
 }
-
 void open_index(TestDb& db, std::string&) {
   db.connect();
   db.create_schema();
@@ -236,8 +222,7 @@ const Scenario kScenarios[] = {
          seed_index(db, {.files = 300, .symbols = 900, .edges = 600, .tag = "new"});  // no random chunk text
        });
      }},
-    // The live index outgrows SQLite's page cache, so the swap spills pages
-    // into the log before its commit, and leaves free pages for the compaction.
+    // The live index outgrows the page cache (pages spill before the commit) and leaves pages to release.
     {.name = "swap_index_from",
      .prepare = [](const fs::path& dir) {
        staging_before = snapshot(seeded(dir / "staging.db", {25, 70, 40, 48, "new"}));
@@ -292,10 +277,9 @@ const Scenario kScenarios[] = {
        next.connect();
        EXPECT_TRUE(next.compact().converted);
      }},
-    // connect, create_schema, each migration step and the page rewrite. The
-    // first removal is the log's as the journal leaves WAL mode: SQLite lets
-    // it fail silently, and the switch back to WAL replays the stale log over
-    // the rewritten pages. The rewrite does not guard against that yet.
+    // connect, create_schema, each migration step and the page rewrite. The first removal, the
+    // log's as the journal leaves WAL, is left out: SQLite ignores its failure, and the switch back
+    // replays the stale log over the rewritten pages, which the rewrite does not guard against yet.
     {.name = "open_older_build",
      .prepare = older_build,
      .run = open_index,
@@ -324,9 +308,8 @@ const Scenario kScenarios[] = {
      .all_or_nothing = false},
 };
 
-// The values of N visited among `total` points: evenly spread (a swap has
-// thousands, so the full run visits 250 and only the exhaustive one all), the
-// first and the last always; then total + 1, where no fault may fire.
+// N evenly spread over `total` points (a swap has thousands), the first and the last always,
+// then total + 1, where no fault may fire.
 std::vector<std::int64_t> points_for(std::int64_t total, std::int64_t quick_points) {
   const std::int64_t visited = exhaustive_scale() ? total : scaled<std::int64_t>(quick_points, 250);
   const std::int64_t stride = total <= visited ? 1 : (total + visited - 1) / visited;
@@ -339,8 +322,7 @@ std::vector<std::int64_t> points_for(std::int64_t total, std::int64_t quick_poin
 
 class FaultSweep : public TempDirTest, public ::testing::WithParamInterface<Scenario> {
  protected:
-  // Thousands of copies of files of tens of MiB: in memory where the machine
-  // has a RAM-backed directory, since the faults come from the VFS anyway.
+  // Thousands of copies of files of tens of MiB: in memory if it can, the faults come from the VFS.
   void SetUp() override {
     TempDirTest::SetUp();
     if (::access("/dev/shm", W_OK | X_OK) == 0) {
@@ -355,9 +337,7 @@ class FaultSweep : public TempDirTest, public ::testing::WithParamInterface<Scen
     ASSERT_EQ(installed, SQLITE_OK);
   }
 
-  // A fresh copy of the prepared file, connected unless the operation opens
-  // it, and what the operation does there with `fault` armed and commits
-  // refused past `budget`.
+  // The operation on a fresh copy, `fault` armed and commits past `budget` refused.
   Outcome attempt(const Scenario& s, std::unique_ptr<TestDb>& db, const Fault& fault, int budget = -1) {
     for (const char* suffix : {"", "-wal", "-shm", "-journal"}) fs::remove(path("work.db").string() + suffix);
     fs::copy_file(prepared_, path("work.db"));
@@ -384,15 +364,12 @@ class FaultSweep : public TempDirTest, public ::testing::WithParamInterface<Scen
   LogCapture log_;  // also keeps the warnings of thousands of failures off the terminal
   fs::path prepared_;
 };
-
 TEST_P(FaultSweep, EveryFaultLeavesACommittedStateAndAHandleThatGoesOn) {
   const Scenario& s = GetParam();
   prepared_ = s.prepare(dir_);
   const auto work = path("work.db");
   std::unique_ptr<TestDb> db;
-
-  // The states the file holds after each commit, from none on: the runs with
-  // commits past the Nth refused. The last run, refused none, counts the points.
+  // The states after each commit, from runs with commits refused past the Nth; the last run counts the points.
   std::vector<State> states;
   std::int64_t totals[7];
   Outcome reference;
@@ -404,9 +381,7 @@ TEST_P(FaultSweep, EveryFaultLeavesACommittedStateAndAHandleThatGoesOn) {
   ASSERT_FALSE(reference.raised) << reference.message;
   if (s.after) s.after(*db, reference, states.back(), log_);
   if (s.all_or_nothing) ASSERT_EQ(states.size(), 2u) << "one commit that changes the rows";
-
-  // A full disk is what a write meets, the other kinds fail with their own
-  // I/O errors; from then on, the disk dies (or fills) at that point.
+  // Each kind once and from then on (a disk that dies or fills), writes also on a full disk.
   std::vector<Fault> kinds = {{FaultOp::any, 0, false, true}};
   for (const bool persistent : {false, true}) {
     kinds.push_back({FaultOp::write, 0, true, persistent});
@@ -419,18 +394,15 @@ TEST_P(FaultSweep, EveryFaultLeavesACommittedStateAndAHandleThatGoesOn) {
       if (fault.op == FaultOp::remove && n < s.first_delete) continue;
       fault.nth = n;
       static const char* const names[] = {"write", "sync", "truncate", "open", "read", "delete", "any"};
-      SCOPED_TRACE(std::string(names[static_cast<int>(fault.op)]) + " #" + std::to_string(n) + " of " +
-                   std::to_string(total) + (fault.full ? ", disk full" : "") + (fault.persistent ? ", from then on" : ""));
+      SCOPED_TRACE(std::string(names[static_cast<int>(fault.op)]) + (fault.full ? " on a full disk" : "") + " #" +
+                   std::to_string(n) + " of " + std::to_string(total) + (fault.persistent ? " and on" : ""));
       const Outcome out = attempt(s, db, fault);
       fired += out.fired;
       reached += out.raised || out.result != reference.result;
       EXPECT_EQ(out.fired, n <= total) << (out.fired ? "the operation did more than without a fault" : "no fault");
       if (out.raised) EXPECT_TRUE(out.fired && expected_failure(out.message)) << out.message;
       if (!out.raised && (s.all_or_nothing || !out.fired)) EXPECT_EQ(out.result, reference.result);
-
-      // A connection of its own rolls back a journal left hot, as the next
-      // process would; then exactly a state the operation commits, whichever
-      // way it is read.
+      // A connection of its own rolls back a hot journal, as the next process would.
       EXPECT_EQ((*storage::Connection::open(work.string())->execute("PRAGMA integrity_check").fetchone())[0].to_text(),
                 "ok");
       const State seen = snapshot(work);
@@ -441,7 +413,6 @@ TEST_P(FaultSweep, EveryFaultLeavesACommittedStateAndAHandleThatGoesOn) {
         if (db->impl()._readers.load()) EXPECT_EQ(pragma(*db, "journal_mode"), "wal") << "a pool on a rollback journal";
       }
       if (s.after) s.after(*db, out, seen, log_);
-
       // The same handle goes on to the last state, and writes and reads after it.
       std::string result;
       if (s.opens) {
@@ -463,7 +434,8 @@ TEST_P(FaultSweep, EveryFaultLeavesACommittedStateAndAHandleThatGoesOn) {
     }
   }
   EXPECT_GT(reached, 0) << "no fault ever changed what the operation did";
-  std::printf("[ points   ] %s: %zu states, %lld faults fired\n", s.name.c_str(), states.size(), static_cast<long long>(fired));
+  std::printf("[ points   ] %s: %zu states, %lld faults fired\n", s.name.c_str(), states.size(),
+              static_cast<long long>(fired));
   report_figure("fault_points", fired);
   report_figure("states_checked", 3 * fired);
 }
@@ -478,8 +450,7 @@ std::optional<std::string> bytes(const fs::path& p) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// The index tables as a swap copies them, and the databases attached but the
-// temporary one that the integrity check opens.
+// The index tables as a swap copies them, and the databases attached but the integrity check's.
 std::pair<State, std::vector<std::string>> index_only(storage::Database& db) {
   State s = index_content(snapshot(db));
   s.erase("schema_info");
@@ -524,8 +495,7 @@ TEST_F(BadStaging, IsRefusedAndLeavesLiveIndexStagingFileAndHandleAsTheyWere) {
   const State good_content = content_of(good);
   const std::string odd = path("it's \"stäging\" ünïcødé 索引").string();
   fs::create_directories(odd);
-  // `source` and its log (-1: none) copied to `name`, the file cut to `size`
-  // bytes (-1: whole) and the log to `log`.
+  // `source` and its log (-1: none) copied to `name`, cut to `size` and `log` bytes (-1: whole).
   auto cut = [&](const fs::path& source, const std::string& name, std::int64_t size, std::int64_t log = -2) {
     fs::copy_file(source, path(name));
     if (size >= 0) fs::resize_file(path(name), size);
@@ -542,8 +512,7 @@ TEST_F(BadStaging, IsRefusedAndLeavesLiveIndexStagingFileAndHandleAsTheyWere) {
   };
   const std::string missing = "FileNotFoundError Staging database not found: ";
   const std::string malformed = "Error database disk image is malformed", not_index = "Error file is not a database";
-  // Each file with the error a swap from it gets, "Kind message" with the
-  // path added after a closing ": "; none for a swap that goes through.
+  // Each with the error a swap from it gets ("Kind message", the path after ": "), or none.
   const std::pair<fs::path, std::string> cases[] = {
       {path("absent/missing.db"), missing},
       {odd + "/missing 'quoted\".db", missing},
@@ -563,7 +532,7 @@ TEST_F(BadStaging, IsRefusedAndLeavesLiveIndexStagingFileAndHandleAsTheyWere) {
       {edited("no-content-hash.db", "ALTER TABLE files DROP COLUMN content_hash"),
        "OperationalError no such column: content_hash"},
       // Refused after three tables were copied.
-      {edited("no-module.db", "DROP INDEX idx_external_imports_module; ALTER TABLE external_imports DROP COLUMN module"),
+      {edited("no-module.db", "DROP INDEX idx_external_imports_module; ALTER TABLE external_imports DROP module"),
        "OperationalError no such column: module"},
       // Cut where SQLite reads an earlier state whole: the swap is all of it.
       {cut(logged, "log-cut-in-half.db", -1, log_size / 2), ""},
@@ -591,7 +560,6 @@ TEST_F(BadStaging, IsRefusedAndLeavesLiveIndexStagingFileAndHandleAsTheyWere) {
     EXPECT_EQ(bytes(staging), file_before) << "the staging file changed";
     EXPECT_EQ(bytes(staging.string() + "-wal"), log_before) << "the staging file's log changed";
     if (error.starts_with("FileNotFoundError")) EXPECT_FALSE(fs::exists(staging)) << "the missing file was made";
-
     // The handle goes on: another thread (so the lock is free) swaps a good file in.
     std::async(std::launch::async, [&] { db->swap_index_from(good); }).get();
     EXPECT_EQ(index_only(*db), std::pair(good_content, std::vector<std::string>{"main"}));
@@ -601,11 +569,8 @@ TEST_F(BadStaging, IsRefusedAndLeavesLiveIndexStagingFileAndHandleAsTheyWere) {
   report_figure("bad_staging_files", std::size(cases));
   report_figure("states_checked", 2 * std::size(cases));
 }
-
-// A cursor from execute may be read after the lock is released, so another
-// thread's statement can still be open on the writer connection while a swap
-// runs: it keeps the staging file locked, the swap fails and so does its
-// detachment. The next swap must not find `stg` still attached.
+// A cursor from execute is read after the lock is gone: while another thread's statement is open
+// on the writer a swap fails, and its detachment too; the next swap must attach again.
 TEST_F(BadStaging, ASwapAfterAFailedDetachmentAttachesAgain) {
   auto db = live("live.db");
   const State before = snapshot(*db);

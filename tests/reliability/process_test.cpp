@@ -1,8 +1,6 @@
-// The daemon, the server and the command-line tool share one index file, and
-// so do the threads of each: a process killed with SIGKILL anywhere in a swap
-// must leave exactly the state its generation implies, no process or thread
-// may ever see two states mixed or a generation going back, and threads doing
-// everything at once must leave every count as they committed it.
+// The daemon, the server and the command-line tool share one index file, and so do their threads:
+// a process killed anywhere in a swap leaves exactly the state its generation implies, nobody sees
+// two states mixed or a generation going back, and threads leave every count as they committed it.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -26,10 +24,8 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-// The loop swaps in staging number g mod 4 at generation g, so generation 0
-// is the empty index and g > 0 number (g - 1) mod 4. Small and large
-// alternate (swapping a large one out frees pages enough for a compaction),
-// and every table's count differs between any two.
+// At generation g the loop swaps in staging number g mod 4: g > 0 holds number (g - 1) mod 4. Small
+// and large alternate (swapping out a large one leaves pages to compact); every count differs.
 const struct {
   Seed seed;
   bool large;
@@ -41,9 +37,8 @@ const struct {
 bool large_state(std::int64_t g) { return g > 0 && kPlan[(g - 1) % 4].large; }
 bool swap_compacts(std::int64_t g) { return large_state(g - 1) && !large_state(g); }
 
-// The generation and a fingerprint of every table in one statement, so one
-// snapshot: each column alone tells any two states apart, and the MATCH asks
-// the full-text index itself for the state's marker word.
+// The generation and every table's fingerprint in one statement, one snapshot; each column alone
+// tells the states apart, and the MATCH asks the full-text index itself.
 constexpr const char* kStateQuery = R"sql(SELECT
   (SELECT user_version FROM pragma_user_version),
   (SELECT count(*) || ' ' || ifnull(max(path), '-') || ' ' || total(size) FROM files),
@@ -64,12 +59,10 @@ std::string joined(const storage::Row& row) {
   return line;
 }
 
-// empty.db and staging-0.db .. staging-3.db, each left in rollback-journal
-// mode so that attaching it makes no -wal or -shm beside it.
+// empty.db and staging-0.db .. staging-3.db, in rollback-journal mode so that attaching makes no -wal.
 struct States {
   fs::path dir;
   std::vector<std::string> fingerprints;
-
   explicit States(fs::path d) : dir(std::move(d)) {
     fs::create_directories(dir);
     for (int n = -1; n < 4; ++n) {
@@ -87,17 +80,14 @@ struct States {
     }
   }
   fs::path staging(std::int64_t n) const { return dir / ("staging-" + std::to_string(n) + ".db"); }
-
   // "generation|fingerprint" must be the state the generation implies.
   std::int64_t expect_whole(const std::string& line) const {
     const std::int64_t g = std::stoll(line);
     EXPECT_EQ(line.substr(line.find('|') + 1), fingerprints[g <= 0 ? 0 : 1 + (g - 1) % 4]) << "at generation " << g;
     return g;
   }
-
-  // Opened as a service opens it, `live` must be sound, laid out as a new
-  // file, and hold the state of a generation from what the dead writer had
-  // surely committed to the last swap it had begun.
+  // Opened as a service opens it: sound, laid out as a new file, and at a generation from what the
+  // dead writer had surely committed to the last swap it had begun.
   std::int64_t expect_sound(const fs::path& live, std::int64_t lowest, std::int64_t highest) const {
     TestDb db(live);
     db.connect();
@@ -112,7 +102,6 @@ struct States {
     return g;
   }
 };
-
 // One `swap-loop` peer, followed line by line. How long its phases take here
 // (`took`, ms) keeps kills landing inside them on fast and loaded machines.
 class SwapLoop {
@@ -136,11 +125,9 @@ class SwapLoop {
   }
   double took(const std::string& phase) const { return took_.count(phase) ? took_.at(phase) : 200; }
   bool ended() const { return peer_.output_ended(); }
-
   std::int64_t committed = -1;  // surely: a line printed after the commit says so
   std::int64_t begun = -1;      // the last swap begun
   std::string tail;             // the last lines, for a failure message
-
  private:
   void take(const std::string& line) {
     const auto now = Clock::now();
@@ -167,7 +154,6 @@ class SwapLoop {
       learn("after" + std::to_string(swap_compacts(begun)), replaced_);
     }
   }
-
   PeerProcess peer_;
   std::map<std::string, double>& took_;
   const bool rewrites_;
@@ -180,7 +166,6 @@ SwapLoop::Wanted starting(const char* prefix) {
 }
 
 using Processes = TempDirTest;
-
 TEST_F(Processes, KilledSwapLoopsLeaveTheStateTheirGenerationImpliesAndObserversSeeNoOther) {
   const std::uint32_t seed = crash_seed();
   SCOPED_TRACE("QUORVI_CRASH_SEED=" + std::to_string(seed));
@@ -188,7 +173,6 @@ TEST_F(Processes, KilledSwapLoopsLeaveTheStateTheirGenerationImpliesAndObservers
   auto uniform = [&](double low, double high) { return std::uniform_real_distribution<double>(low, high)(rng); };
   const States states(path("states"));
   const auto live = path("repo/memory/codebase-index/index.db");  // the first open makes the directory
-
   // Two observers print each state they see, and at the end how many looks they took.
   std::vector<std::unique_ptr<PeerProcess>> observers;
   std::vector<std::set<std::int64_t>> seen(2);
@@ -208,10 +192,7 @@ TEST_F(Processes, KilledSwapLoopsLeaveTheStateTheirGenerationImpliesAndObservers
       while (auto line = observers[i]->read_line(Clock::now() - std::chrono::seconds(1))) check(i, *line);
     }
   };
-
-  // Where a kill is aimed; only what the file looks like afterwards is
-  // asserted. The page rewrites come first: they replace the file, which the
-  // observers then keep open.
+  // Where a kill is aimed, not asserted; the page rewrites replace the file, so they come before the observers.
   const std::string aims[] = {"open", "swap", "commit", "compaction", "anywhere"};
   std::map<std::string, double> took = {{"open", 30}, {"rewrite", 500}};
   std::int64_t generation = 0;  // what the last check found
@@ -261,7 +242,6 @@ TEST_F(Processes, KilledSwapLoopsLeaveTheStateTheirGenerationImpliesAndObservers
           std::vector<std::string>{"observe", live.string(), kStateQuery, path("stop").string()}));
     }
   }
-
   // Then a loop that runs through, until each observer has seen six generations.
   SwapLoop last(live, states, took);
   const auto enough = Clock::now() + std::chrono::seconds(scaled(3, 30));
@@ -290,8 +270,7 @@ TEST_F(Processes, KilledSwapLoopsLeaveTheStateTheirGenerationImpliesAndObservers
   report_figure("states_checked", kills + 1 + observations);
 }
 
-// Rows of transactions and a counter bumped in the same transactions, which
-// swaps and clears never touch.
+// Rows of transactions and a counter bumped with them, which swaps and clears never touch.
 constexpr const char* kStressSchema = R"sql(
 CREATE TABLE stress_rows (id INTEGER PRIMARY KEY, thread INTEGER NOT NULL, tx INTEGER NOT NULL, kind TEXT NOT NULL);
 CREATE INDEX stress_rows_tx ON stress_rows(tx);
@@ -320,7 +299,6 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
   db.connection()->executescript(kStressSchema);
   seed_index(db, {.files = 80, .symbols = 240, .edges = 100, .chunk_bytes = 100, .tag = "live"});
   db.execute("PRAGMA user_version = 100");
-
   std::mutex mu;  // guards `committed` (transaction id -> rows) and `failures`
   std::map<std::int64_t, std::int64_t> committed;
   std::vector<std::string> failures;
@@ -335,12 +313,14 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
       ++checked;
       if (ok) return true;
       std::lock_guard lock(mu);
-      failures.push_back("thread " + std::to_string(t) + ": " + std::string(what) + (row ? ": " + joined(*row) : ""));
+      failures.push_back(std::to_string(t) + ": " + std::string(what) + (row ? ": " + joined(*row) : ""));
       return failures.size() < 20;
     };
     // Through execute: the owner of the transaction re-enters the lock.
     auto insert = [&](std::int64_t tx, int k, const char* kind) {
-      for (int i = 0; i < k; ++i) db.execute("INSERT INTO stress_rows (thread, tx, kind) VALUES (?, ?, ?)", {t, tx, kind});
+      for (int i = 0; i < k; ++i) {
+        db.execute("INSERT INTO stress_rows (thread, tx, kind) VALUES (?, ?, ?)", {t, tx, kind});
+      }
     };
     auto commit = [&](storage::Cursor& c, std::int64_t tx, std::int64_t k) {
       c.execute("UPDATE stress_counter SET commits = commits + 1, rows = rows + ? WHERE id = 1", {k});
@@ -381,8 +361,7 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
             commit(c, tx, k);
           });
         } else if (pick < 60) {
-          // Nested scopes join the outer one; an inner failure the outer scope
-          // catches keeps what the inner scope wrote before it.
+          // Nested scopes join the outer one, which keeps what a failed inner one wrote if it catches.
           db.transaction([&](storage::Cursor& c) {
             insert(tx, k, "outer");
             try {
@@ -427,8 +406,7 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
   };
   std::vector<std::thread> threads;
   for (int t = 0; t < 8; ++t) threads.emplace_back(worker, t);
-  // A deadlock cannot end by itself: a minute without any operation
-  // completing ends the process, loudly.
+  // A deadlock cannot end by itself: a minute without an operation ends the process, loudly.
   const auto started = Clock::now();
   auto changed = started;
   for (std::int64_t seen = -1; running > 0; std::this_thread::sleep_for(std::chrono::milliseconds(100))) {
@@ -437,22 +415,22 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
       seen = operations;
       changed = Clock::now();
     } else if (Clock::now() - changed > std::chrono::minutes(1)) {
-      std::fprintf(stderr, "Stress: a minute without an operation after %lld: deadlock\n", static_cast<long long>(seen));
+      std::fprintf(stderr, "Stress: no operation for a minute after %lld: deadlock\n", static_cast<long long>(seen));
       std::abort();
     }
   }
   for (auto& th : threads) th.join();
   for (const auto& f : failures) ADD_FAILURE() << f;
   EXPECT_GT(swaps, 0) << "no swap ran";
-
-  // Each transaction's rows and the counter are what the threads saw commit,
-  // and the generation counts the swaps.
+  // Each transaction's rows and the counter are what the threads committed; the generation counts swaps.
   std::int64_t rows = 0;
   for (const auto& [tx, n] : committed) rows += n;
   EXPECT_EQ(joined(*db.fetchone("SELECT commits, rows FROM stress_counter")),
             std::to_string(committed.size()) + "|" + std::to_string(rows));
   std::map<std::int64_t, std::int64_t> stored;
-  for (const auto& r : db.fetchall("SELECT tx, COUNT(*) FROM stress_rows GROUP BY tx")) stored[r[0].as_int()] = r[1].as_int();
+  for (const auto& r : db.fetchall("SELECT tx, COUNT(*) FROM stress_rows GROUP BY tx")) {
+    stored[r[0].as_int()] = r[1].as_int();
+  }
   EXPECT_EQ(stored, committed);
   EXPECT_EQ(db.index_generation(), 100 + swaps);
   EXPECT_TRUE(db.check_integrity());
@@ -461,6 +439,5 @@ TEST_F(Stress, EveryOperationAtOnceKeepsCountsConsistentAndTheFileSound) {
   report_figure("stress_operations", operations);
   report_figure("states_checked", checked);
 }
-
 }  // namespace
 }  // namespace marsk_quorvi::testing
