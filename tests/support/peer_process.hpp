@@ -45,7 +45,6 @@ class PeerProcess {
   // ended it.
   int wait();
   bool output_ended() const { return ended_; }
-  pid_t pid() const { return pid_; }
 
  private:
   pid_t pid_ = -1;

@@ -144,11 +144,4 @@ std::unique_ptr<TestDb> IndexTest::open(const std::filesystem::path& file) {
   return db;
 }
 
-void IndexTest::reopen(std::unique_ptr<TestDb>& db) {
-  const auto file = db->db_path;
-  db->close();
-  db.reset();
-  db = open(file);
-}
-
 }  // namespace marsk_quorvi::testing

@@ -87,8 +87,6 @@ class IndexTest : public TempDirTest {
  protected:
   std::unique_ptr<TestDb> open(const std::filesystem::path& file);
   std::unique_ptr<TestDb> open(const std::string& name = "index.db") { return open(path(name)); }
-  // Closes `db` and opens its file again in its place.
-  void reopen(std::unique_ptr<TestDb>& db);
 };
 
 }  // namespace marsk_quorvi::testing
