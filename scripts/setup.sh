@@ -8,7 +8,7 @@ preset="${1:-release}"
 shift || true
 
 packages=(cmake g++ make libsqlite3-dev nlohmann-json3-dev libspdlog-dev libfmt-dev
-          googletest libgtest-dev libgmock-dev libbenchmark-dev universal-ctags pkgconf)
+          googletest libgtest-dev libgmock-dev libbenchmark-dev universal-ctags pkgconf libcli11-dev)
 . scripts/packages.sh
 ensure_packages "${packages[@]}"
 
