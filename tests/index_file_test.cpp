@@ -2,6 +2,9 @@
 // clearing and swapping in a staging file, and the health figures.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -497,6 +500,124 @@ TEST_F(IndexFile, HealthFiguresCountListedSymbolsErrorRowsAndFilesWithErrors) {
   db->close();
   db = open(path("live/index.db"));
   EXPECT_FALSE(db->check_integrity());
+}
+
+// ------------------------------------------------------------------ read-only opening
+
+std::string bytes_of(const fs::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+TEST_F(IndexFile, ReadOnlyOpeningRefusesWhatIsNoIndexAndChangesNoByte) {
+  struct Case {
+    const char* name;
+    std::function<void(const fs::path&)> make;
+    std::string error;  // "%" stands for the quoted path
+  };
+  const auto sqlite_file = [](const char* sql) {
+    return [sql](const fs::path& p) {
+      auto conn = mq::Connection::open(p.string());
+      conn->executescript(sql);
+    };
+  };
+  const std::vector<Case> cases = {
+      {"missing/index.db", [](const fs::path&) {}, "FileNotFoundError 2: [Errno 2] No such file or directory: %"},
+      {"empty.db", [](const fs::path& p) { std::ofstream(p).flush(); }, "NotAnIndexError: not an index: % is empty"},
+      {"foreign.db", sqlite_file("PRAGMA page_size=1024; CREATE TABLE files (id); INSERT INTO files VALUES (1);"),
+       "NotAnIndexError: not an index: % has no table symbols"},
+      {"text.db", [](const fs::path& p) { std::ofstream(p) << std::string(5000, 'x'); },
+       "OperationalError: file is not a database"},
+      {"fifo.db", [](const fs::path& p) { ASSERT_EQ(::mkfifo(p.c_str(), 0600), 0); },
+       "OSError 0: not a regular file: %"},
+      {"folder.db", [](const fs::path& p) { fs::create_directory(p); }, "OSError 0: not a regular file: %"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const fs::path p = path(c.name);
+    c.make(p);
+    const std::string before = fs::is_regular_file(p) ? bytes_of(p) : "";
+    mq::Database ro(p, mq::OpenMode::ReadOnly);
+    std::string expected = c.error;
+    if (auto at = expected.find('%'); at != std::string::npos) expected.replace(at, 1, "'" + p.string() + "'");
+    EXPECT_EQ(error_of([&] { ro.connect(); }), expected);
+    EXPECT_EQ(fs::is_regular_file(p) ? bytes_of(p) : "", before);
+    EXPECT_FALSE(fs::exists(p.string() + "-wal"));
+    EXPECT_FALSE(fs::exists(path("missing")));
+  }
+}
+
+TEST_F(IndexFile, ReadOnlyHandleAnswersWhileAnotherProcessWritesAndRefusesEveryWrite) {
+  add_files();
+  db->record_error("a.c", "parse_error");
+  db->record_error("a.c", "partial_parse");
+  db->close();
+  const fs::path live = path("live/index.db");
+  const std::string before = bytes_of(live);
+  mt::PeerProcess writer({"lock", live.string(), "60"});
+  ASSERT_EQ(writer.read_line(), "ready");
+  mt::TestDb ro(live, mq::OpenMode::ReadOnly);
+  ro.impl()._busy_timeout_ms = 0;  // any wait for the writer fails at once
+  ro.connect();
+  EXPECT_EQ(ro.get_stats().to_string(), "{'files': 4, 'symbols': 0, 'edges': 0, 'components': 0, 'errors': 2}");
+  EXPECT_EQ(ro.get_error_count(), 1);
+  EXPECT_TRUE(ro.check_integrity());
+  EXPECT_EQ(ro.index_generation(), 0);
+  EXPECT_GT(ro.page_counts().page_count, 0);
+  const auto staging_file = staging("staging.db", {});
+  const std::vector<std::function<void()>> writes = {
+      [&] { ro.create_schema(); },
+      [&] { ro.migrate_schema(); },
+      [&] { ro.transaction([](mq::Cursor&) {}); },
+      [&] { (void)ro.executemany("DELETE FROM files WHERE id = ?", {{1}}); },
+      [&] { ro.clear_all(); },
+      [&] { ro.swap_index_from(staging_file); },
+      [&] { ro.record_error("a.c", "x"); },
+      [&] { ro.clear_file_errors("a.c"); },
+      [&] { ro.compact(); },
+      [&] { ro.refresh_extractor_stamp({{"c", 9}}); },
+  };
+  for (const auto& write : writes) EXPECT_EQ(error_of(write), "RuntimeError: the index is open read-only");
+  try {
+    ro.execute("DELETE FROM files");
+    ADD_FAILURE() << "a write ran on a read-only handle";
+  } catch (const mq::OperationalError& e) {
+    EXPECT_TRUE(e.permission_denied()) << e.what();
+  }
+  ro.close();
+  writer.kill();
+  EXPECT_EQ(bytes_of(live), before);
+}
+
+TEST_F(IndexFile, ReadOnlyHandleServesAUserWhoMayOnlyReadTheFileAndItsFolder) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to take another user's identity";
+  add_files();
+  db->close();
+  const fs::path live = path("live/index.db");
+  ASSERT_FALSE(fs::exists(live.string() + "-wal"));
+  ::chmod(dir_.c_str(), 0755);
+  ::chmod(live.parent_path().c_str(), 0555);
+  ::chmod(live.c_str(), 0444);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    int status = 10;
+    if (::setgid(65534) == 0 && ::setuid(65534) == 0) {
+      try {
+        mq::Database ro(live, mq::OpenMode::ReadOnly);
+        ro.connect();
+        status = ro.get_stats().at("files") == 4 ? 0 : 11;
+      } catch (const std::exception& e) {
+        std::fprintf(stderr, "%s\n", e.what());
+        status = 12;
+      }
+    }
+    ::_exit(status);
+  }
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  ::chmod(live.parent_path().c_str(), 0755);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_FALSE(fs::exists(live.string() + "-shm"));
 }
 
 }  // namespace

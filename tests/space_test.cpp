@@ -381,6 +381,7 @@ TEST_F(CompactionTest, StepsHoldTheLockButNotTheReadersAndCloseEndsThem) {
 TEST_F(CompactionTest, ConcurrentCallsReleaseEachPageOnceAndReportEachRefusalOnce) {
   make_page_file(path("shared.db"), 6000, 2500, 2);
   auto db = connected(path("shared.db"));
+  const auto before = db->page_counts();
   LogCapture log;
   std::vector<std::future<Compaction>> calls;
   for (int t = 0; t < 6; ++t) {
@@ -395,6 +396,10 @@ TEST_F(CompactionTest, ConcurrentCallsReleaseEachPageOnceAndReportEachRefusalOnc
   for (auto& c : calls) total += c.get().pages_released;
   EXPECT_EQ(total, 2500);
   EXPECT_EQ(space(*db).free, 0);
+  const auto after = db->page_counts();
+  EXPECT_EQ(before.freelist_count - after.freelist_count, 2500);
+  EXPECT_GE(before.page_count - after.page_count, 2500);  // and pointer-map pages no longer needed
+  EXPECT_EQ(after.page_size, before.page_size);
   const auto refusals = log.matching("called on the event loop: a pool thread compacts");
   EXPECT_EQ(refusals.size(), 300u);
   EXPECT_EQ(std::ranges::count(refusals, kInfo, &LogRecord::level), 1);

@@ -53,16 +53,33 @@ class FileNotFoundError : public OSError {
 
 namespace storage {
 
+// A file that holds no index: an empty file, or a database without the
+// index's own tables. Raised only where opening must not change the file.
+class NotAnIndexError : public QuorviError {
+ public:
+  using QuorviError::QuorviError;
+  [[nodiscard]] const char* kind() const noexcept override { return "NotAnIndexError"; }
+};
+
 // Every SQLite failure. The message is SQLite's own text; `code()` is the
-// (extended) result code that SQLite returned.
+// (extended) result code that SQLite returned and `system_errno()` the errno
+// of the file operation behind it (0 when none). The predicates sort the codes
+// into what a caller acts on, so that no caller needs SQLite's numbers.
 class Error : public QuorviError {
  public:
-  explicit Error(const std::string& message, int code = 1) : QuorviError(message), code_(code) {}
+  explicit Error(const std::string& message, int code = 1, int system_errno = 0)
+      : QuorviError(message), code_(code), errno_(system_errno) {}
   [[nodiscard]] int code() const noexcept { return code_; }
+  [[nodiscard]] int system_errno() const noexcept { return errno_; }
+  [[nodiscard]] bool busy() const noexcept;               // another connection holds a lock
+  [[nodiscard]] bool damaged() const noexcept;            // a corrupt file, or not a database
+  [[nodiscard]] bool cannot_open() const noexcept;        // the file could not be opened
+  [[nodiscard]] bool permission_denied() const noexcept;  // no right to read or write it
   [[nodiscard]] const char* kind() const noexcept override { return "Error"; }
 
  private:
   int code_;
+  int errno_;
 };
 
 // Failures of the database's operation rather than of the statement's data:

@@ -6,6 +6,9 @@
 #include <charconv>
 #include <cstdlib>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "database_impl.hpp"
 #include "log.hpp"
 #include "text.hpp"
@@ -77,6 +80,7 @@ DatabaseImpl::~DatabaseImpl() {
 }
 
 void DatabaseImpl::connect() {
+  if (_mode == OpenMode::ReadOnly) return _connect_read_only();
   const auto parent = db_path.parent_path();
   std::error_code ec;
   if (!parent.empty() && !std::filesystem::create_directories(parent, ec) && ec) {
@@ -97,6 +101,52 @@ void DatabaseImpl::connect() {
   auto previous = _readers.exchange(_open_readers(mode));
   // A second connect replaces the pool; the old one is released here.
   if (previous) previous->close();
+}
+
+void DatabaseImpl::_connect_read_only() {
+  // Only a regular file can be an index, and a FIFO would block the open.
+  struct stat status {};
+  if (::stat(db_path.c_str(), &status) != 0) raise_os_error(errno, db_path);
+  if (!S_ISREG(status.st_mode)) throw OSError("not a regular file: " + quoted_repr(db_path.string()), 0, db_path);
+  Connection::Options options;
+  options.readonly = true;
+  options.busy_timeout_ms = _busy_timeout_ms;
+  std::shared_ptr<Connection> conn;
+  std::vector<Row> tables;
+  auto open = [&] {
+    conn = Connection::open(db_path.string(), options);
+    tables = conn->execute("SELECT name FROM sqlite_master WHERE type = 'table'").fetchall();
+  };
+  try {
+    open();
+  } catch (const OperationalError& e) {
+    // A WAL file needs its -shm to be read, and a reader who may not write
+    // the folder cannot make one. Without a -wal every commit is in the main
+    // file, so it is read as it stands.
+    const auto dir = db_path.has_parent_path() ? db_path.parent_path() : std::filesystem::path(".");
+    std::error_code ec;
+    const bool no_wal = !std::filesystem::exists(db_path.string() + "-wal", ec) && !ec;
+    if (!e.permission_denied() || !no_wal || ::access(dir.c_str(), W_OK) == 0) throw;
+    options.immutable = true;
+    open();
+  }
+  for (const char* required : {"files", "symbols"}) {
+    if (std::none_of(tables.begin(), tables.end(), [&](const Row& r) { return r[0].to_text() == required; })) {
+      throw NotAnIndexError("not an index: " + quoted_repr(db_path.string()) +
+                            (status.st_size == 0 ? " is empty" : std::string(" has no table ") + required));
+    }
+  }
+  utils::register_path_functions(*conn);
+  _closed.store(false);
+  _connection.store(conn);
+  auto journal = conn->execute("PRAGMA journal_mode").fetchone();
+  const std::string mode = journal && !options.immutable ? ascii_lower((*journal)[0].to_text()) : std::string();
+  auto previous = _readers.exchange(_open_readers(mode));
+  if (previous) previous->close();
+}
+
+void DatabaseImpl::_require_writable() const {
+  if (_mode == OpenMode::ReadOnly) throw RuntimeError("the index is open read-only");
 }
 
 std::shared_ptr<ReaderPool> DatabaseImpl::_open_readers(const std::string& journal_mode) {
@@ -129,6 +179,7 @@ std::shared_ptr<Connection> DatabaseImpl::connection() const {
 // ------------------------------------------------------------------ transactions and writes
 
 void DatabaseImpl::_transaction(const std::function<void(Cursor&)>& body) {
+  _require_writable();
   std::lock_guard lock(_lock);
   if (_tx_depth > 0) {
     // A nested scope joins the transaction this thread already has open: no
@@ -176,6 +227,7 @@ Cursor DatabaseImpl::execute(std::string_view sql, const Params& params) {
 }
 
 Cursor DatabaseImpl::executemany(std::string_view sql, const std::vector<Params>& params_list) {
+  _require_writable();
   std::lock_guard lock(_lock);
   return connection()->executemany(sql, params_list);
 }
@@ -267,7 +319,8 @@ std::string RowCounts::to_string() const {
 
 // ------------------------------------------------------------------ Database
 
-Database::Database(std::filesystem::path path) : db_path(path), impl_(std::make_unique<detail::DatabaseImpl>(std::move(path))) {}
+Database::Database(std::filesystem::path path, OpenMode mode)
+    : db_path(path), impl_(std::make_unique<detail::DatabaseImpl>(std::move(path), mode)) {}
 Database::~Database() = default;
 
 void Database::connect() { impl_->connect(); }
@@ -302,5 +355,6 @@ void Database::clear_file_errors(std::string_view file_path, std::optional<std::
 }
 std::int64_t Database::get_error_count() { return impl_->get_error_count(); }
 Compaction Database::compact() { return impl_->compact(); }
+PageCounts Database::page_counts() { return impl_->page_counts(); }
 
 }  // namespace marsk_quorvi::storage

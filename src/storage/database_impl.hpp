@@ -118,7 +118,8 @@ class SharedSlot {
 // reach the internal operations and fields by name.
 class DatabaseImpl {
  public:
-  explicit DatabaseImpl(std::filesystem::path path) : db_path(std::move(path)) {}
+  explicit DatabaseImpl(std::filesystem::path path, OpenMode mode = OpenMode::ReadWrite)
+      : db_path(std::move(path)), _mode(mode) {}
   // Closes what is still open; what that raises is logged at DEBUG.
   ~DatabaseImpl();
   DatabaseImpl(const DatabaseImpl&) = delete;
@@ -146,8 +147,11 @@ class DatabaseImpl {
   void clear_file_errors(std::string_view file_path, const std::optional<std::string>& error_type);
   std::int64_t get_error_count();
   Compaction compact();
+  PageCounts page_counts();
 
   // Internal operations.
+  void _connect_read_only();
+  void _require_writable() const;
   void _transaction(const std::function<void(Cursor&)>& body);
   std::shared_ptr<ReaderPool> _open_readers(const std::string& journal_mode);
   template <class Fetch>
@@ -169,6 +173,7 @@ class DatabaseImpl {
   static void _vacuum(Connection& connection);
 
   const std::filesystem::path db_path;
+  const OpenMode _mode;
   // How long every connection of the handle waits for another's lock before
   // failing with "database is locked". Set before connect(); tests shorten it.
   int _busy_timeout_ms = 5000;

@@ -166,6 +166,7 @@ void DatabaseImpl::clear_all() {
 }
 
 RowCounts DatabaseImpl::swap_index_from(const std::filesystem::path& staging_path) {
+  _require_writable();
   std::error_code ec;
   const bool present = std::filesystem::exists(staging_path, ec);
   // A path that cannot even be looked at (a folder without search permission)
@@ -231,11 +232,13 @@ bool DatabaseImpl::check_integrity() {
 
 void DatabaseImpl::record_error(std::string_view file_path, std::string_view error_type,
                                 const std::optional<std::string>& message, std::optional<std::int64_t> line) {
+  _require_writable();
   execute("INSERT INTO index_errors (file_path, error_type, message, line) VALUES (?, ?, ?, ?)",
           {file_path, error_type, message, line});
 }
 
 void DatabaseImpl::clear_file_errors(std::string_view file_path, const std::optional<std::string>& error_type) {
+  _require_writable();
   if (!error_type) {
     execute("DELETE FROM index_errors WHERE file_path = ?", {file_path});
   } else {

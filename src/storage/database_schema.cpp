@@ -38,6 +38,7 @@ void DatabaseImpl::create_schema() {
 }
 
 void DatabaseImpl::migrate_schema() {
+  _require_writable();
   std::optional<Row> row;
   try {
     row = fetchone("SELECT value FROM schema_info WHERE key = 'version'");

@@ -82,6 +82,12 @@ Space DatabaseImpl::_space(Connection& connection) {
   return space;
 }
 
+PageCounts DatabaseImpl::page_counts() {
+  std::lock_guard lock(_lock);
+  const Space space = _space(*connection());
+  return PageCounts{space.page_size, space.pages, space.free};
+}
+
 bool _same_volume(const std::filesystem::path& first, const std::filesystem::path& second) {
   try {
     const auto a = platform::file_status(first);
@@ -121,6 +127,7 @@ std::optional<std::string> _disk_shortfall(const std::filesystem::path& db_dir_g
 // ------------------------------------------------------------------ compaction
 
 Compaction DatabaseImpl::compact() {
+  _require_writable();
   try {
     return _compact();
   } catch (const QuorviError& e) {

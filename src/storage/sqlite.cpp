@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <list>
@@ -192,21 +193,58 @@ bool lost_schema_race(sqlite3* db, int rc) {
 [[noreturn]] void raise_step_error(sqlite3_stmt* stmt, int rc) {
   sqlite3* db = sqlite3_db_handle(stmt);
   std::string message = sqlite3_errmsg(db);
+  const int system_errno = sqlite3_system_errno(db);
   sqlite3_reset(stmt);
-  raise_error(rc, message);
+  raise_error(rc, message, system_errno);
+}
+
+// A path as the path part of a file: URI, where '?', '#' and '%' would
+// otherwise end or change it.
+std::string uri_escaped(const std::string& path) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  for (const unsigned char c : path) {
+    if (c == '?' || c == '#' || c == '%' || c < 0x20 || c == 0x7f) {
+      out += '%';
+      out += kHex[c >> 4];
+      out += kHex[c & 0xf];
+    } else {
+      out += static_cast<char>(c);
+    }
+  }
+  return out;
 }
 
 }  // namespace
 
 // ---------------------------------------------------------------- errors
 
-void raise_error(int rc, const std::string& message) {
-  if (is_operational(rc)) throw OperationalError(message, rc);
-  throw Error(message, rc);
+bool Error::busy() const noexcept {
+  const int primary = code_ & 0xff;
+  return primary == SQLITE_BUSY || primary == SQLITE_LOCKED;
+}
+
+bool Error::damaged() const noexcept {
+  const int primary = code_ & 0xff;
+  return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
+}
+
+bool Error::cannot_open() const noexcept { return (code_ & 0xff) == SQLITE_CANTOPEN; }
+
+bool Error::permission_denied() const noexcept {
+  const int primary = code_ & 0xff;
+  return primary == SQLITE_PERM || primary == SQLITE_READONLY || primary == SQLITE_AUTH || errno_ == EACCES ||
+         errno_ == EPERM;
+}
+
+void raise_error(int rc, const std::string& message, int system_errno) {
+  if (is_operational(rc)) throw OperationalError(message, rc, system_errno);
+  throw Error(message, rc, system_errno);
 }
 
 void raise_error(sqlite3* db, int rc) {
-  raise_error(rc, db ? std::string(sqlite3_errmsg(db)) : std::string(sqlite3_errstr(rc)));
+  if (!db) raise_error(rc, sqlite3_errstr(rc));
+  raise_error(rc, sqlite3_errmsg(db), sqlite3_system_errno(db));
 }
 
 // ---------------------------------------------------------------- Value
@@ -295,14 +333,19 @@ Connection::Connection(sqlite3* db, std::string path, Options options)
     : path_(std::move(path)), options_(options), db_(db), open_(true) {}
 
 std::shared_ptr<Connection> Connection::open(const std::string& path, const Options& options) {
-  int flags = options.readonly ? SQLITE_OPEN_READONLY : (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+  int flags = options.readonly || options.immutable ? SQLITE_OPEN_READONLY : (SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
   flags |= options.serialized ? SQLITE_OPEN_FULLMUTEX : SQLITE_OPEN_NOMUTEX;
+  std::string name = path;
+  if (options.immutable) {
+    flags |= SQLITE_OPEN_URI;
+    name = "file:" + uri_escaped(path) + "?immutable=1";
+  }
   sqlite3* raw = nullptr;
-  const int rc = sqlite3_open_v2(path.c_str(), &raw, flags, nullptr);
+  const int rc = sqlite3_open_v2(name.c_str(), &raw, flags, nullptr);
   // Owned from here on, also when the open failed (SQLite may still have
   // allocated a handle that carries the message).
   std::unique_ptr<sqlite3, detail::CloseDb> db(raw);
-  if (rc != SQLITE_OK) raise_error(rc, db ? sqlite3_errmsg(db.get()) : sqlite3_errstr(rc));
+  if (rc != SQLITE_OK) raise_error(db.get(), rc);
   sqlite3_busy_timeout(db.get(), options.busy_timeout_ms);
   return std::shared_ptr<Connection>(new Connection(db.release(), path, options));
 }

@@ -46,6 +46,19 @@ struct Compaction {
   bool operator==(const Compaction&) const = default;
 };
 
+// The file's pages now: read before and after `compact` to see what it did.
+struct PageCounts {
+  std::int64_t page_size = 0;
+  std::int64_t page_count = 0;
+  std::int64_t freelist_count = 0;
+  bool operator==(const PageCounts&) const = default;
+};
+
+// ReadOnly opens an existing index for reading only: no directory made, no
+// pragma that writes, no schema work, only read connections, so the file is
+// never changed and a reader answers while another process writes.
+enum class OpenMode { ReadWrite, ReadOnly };
+
 // Table (or figure) name -> count, in insertion order.
 class RowCounts {
  public:
@@ -93,14 +106,16 @@ struct DatabaseAccess;
 // connection raise RuntimeError before `connect()` and after `close()`.
 class Database {
  public:
-  explicit Database(std::filesystem::path db_path);  // opens nothing
+  explicit Database(std::filesystem::path db_path, OpenMode mode = OpenMode::ReadWrite);  // opens nothing
   ~Database();                                       // closes what is open; never throws
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
 
   // Makes the directory (OSError when it cannot), opens the writer connection
   // (WAL, incremental auto-vacuum, the storage page size for a new file),
-  // registers the path functions and opens the read pool.
+  // registers the path functions and opens the read pool. ReadOnly: the file
+  // must exist (FileNotFoundError) and hold the index tables
+  // (NotAnIndexError); every write then raises RuntimeError.
   void connect();
   // Closes the read pool, then the writer connection, each after the work
   // running on it. Harmless on a handle never connected or already closed.
@@ -156,6 +171,7 @@ class Database {
   // Gives free pages back to the file system in short steps. Never raises for
   // what the database or the disk does: the result carries the reason.
   Compaction compact();
+  PageCounts page_counts();
 
   const std::filesystem::path db_path;
 

@@ -196,6 +196,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
     // Prepared statements kept per connection, least recently used dropped
     // first. One a cursor is using is never handed to another.
     std::size_t statement_cache = 64;
+    // Read-only, and the file taken as one that nothing changes while it is
+    // open: no locks and no WAL index, so it opens where no -shm can be made.
+    bool immutable = false;
   };
 
   // Opens (and for a writable connection creates) the file. Raises
@@ -251,6 +254,6 @@ class Connection : public std::enable_shared_from_this<Connection> {
 // Raises the Error or OperationalError for result code `rc` with SQLite's
 // message for `db` (or the generic text of `rc` when `db` is null).
 [[noreturn]] void raise_error(sqlite3* db, int rc);
-[[noreturn]] void raise_error(int rc, const std::string& message);
+[[noreturn]] void raise_error(int rc, const std::string& message, int system_errno = 0);
 
 }  // namespace marsk_quorvi::storage
