@@ -133,7 +133,7 @@ StagingCounts generate_staging_rows(const fs::path& repo, const Extraction& extr
     const auto folder = top_folder(f.path);
     std::optional<std::int64_t> component;
     if (!folder.empty()) component = component_ids.at(folder);
-    rows.file(file_id, f, content_hash(f.text), mtime_of(repo / f.path), component);
+    rows.file(file_id, f, content_hash(f.text), f.mtime ? f.mtime : mtime_of(repo / f.path), component);
 
     // The file's anchor, under which its top-level symbols hang.
     const auto anchor = ++symbol_id;
