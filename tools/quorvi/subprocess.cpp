@@ -45,6 +45,10 @@ void make_pipe(Fd& read_end, Fd& write_end) {
 constexpr std::size_t kChildSlots = 1024;
 std::array<std::atomic<pid_t>, kChildSlots> g_children{};
 static_assert(std::atomic<pid_t>::is_always_lock_free);
+// Set for good by terminate_children: a tool that is stopping starts no
+// more children (a failed batch would otherwise be retried file by file).
+std::atomic<bool> g_stopping{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
 
 std::size_t track(pid_t pid) {
   for (std::size_t i = 0; i < kChildSlots; ++i) {
@@ -100,6 +104,7 @@ std::string find_program(const std::string& name) {
 }  // namespace
 
 void terminate_children() noexcept {
+  g_stopping.store(true);
   for (auto& slot : g_children) {
     const pid_t pid = slot.load();
     if (pid > 0) ::kill(pid, SIGTERM);
@@ -109,6 +114,7 @@ void terminate_children() noexcept {
 ProcessResult run_process(const std::vector<std::string>& argv,
                           const std::function<void(std::string_view)>& on_line, const std::vector<int>& inherit) {
   if (argv.empty()) throw OSError("run_process: no program given", EINVAL);
+  if (g_stopping.load()) throw OSError("not running " + argv[0] + ": stopping", EINTR);
   const std::string program = find_program(argv[0]);
   Fd out_r, out_w, err_r, err_w, report_r, report_w;
   make_pipe(out_r, out_w);
@@ -125,6 +131,9 @@ ProcessResult run_process(const std::vector<std::string>& argv,
   if (pid < 0) throw OSError("cannot run " + argv[0] + ": " + std::strerror(errno), errno);
   if (pid == 0) become_child(parent, program.c_str(), args.data(), out_w.fd, err_w.fd, report_w.fd, inherit);
   const std::size_t slot = track(pid);
+  // Forked while terminate_children ran: it may have missed this slot, but
+  // then its flag is seen here.
+  if (g_stopping.load()) ::kill(pid, SIGTERM);
   out_w.reset();
   err_w.reset();
   report_w.reset();

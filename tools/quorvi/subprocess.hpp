@@ -27,10 +27,10 @@ ProcessResult run_process(const std::vector<std::string>& argv,
                           const std::function<void(std::string_view)>& on_line,
                           const std::vector<int>& inherit = {});
 
-// Sends SIGTERM to every child run_process has started and not yet reaped.
-// Async-signal-safe: meant for the tool's SIGINT and SIGTERM handler. A child
-// forked in the instant before the call may be missed; it still dies with
-// the tool.
+// Sends SIGTERM to every child run_process has started and not yet reaped,
+// also one being forked at that moment, and makes every later run_process
+// raise OSError instead of starting one. Async-signal-safe: meant for the
+// tool's SIGINT and SIGTERM handler.
 void terminate_children() noexcept;
 
 }  // namespace marsk_quorvi::cli

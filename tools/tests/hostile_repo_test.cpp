@@ -151,14 +151,25 @@ TEST_F(Hostile, ChildrenKeepOnlyTheirDescriptorsAndEndWhenToldOrWhenTheirParentD
   ::close(kept);
   ::close(other);
 
-  // Told: SIGTERM reaches the child even where the tool blocks it.
-  sigset_t term, saved;
-  sigemptyset(&term);
-  sigaddset(&term, SIGTERM);
-  ::pthread_sigmask(SIG_BLOCK, &term, &saved);
-  const auto told = run_process({"sh", "-c", "echo ready; exec sleep 100"}, [](std::string_view) { terminate_children(); });
-  ::pthread_sigmask(SIG_SETMASK, &saved, nullptr);
-  EXPECT_EQ(told.signal, SIGTERM);
+  // Told, in a process of its own since no child starts after that: SIGTERM
+  // reaches the child even where the tool blocks it.
+  const pid_t told = ::fork();
+  if (told == 0) {
+    sigset_t term;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    ::pthread_sigmask(SIG_BLOCK, &term, nullptr);
+    const auto r = run_process({"sh", "-c", "echo ready; exec sleep 100"}, [](std::string_view) { terminate_children(); });
+    try {
+      run_process({"true"}, [](std::string_view) {});
+    } catch (const marsk_quorvi::OSError& e) {
+      ::_exit(e.what() == std::string("not running true: stopping") ? r.signal : 100);
+    }
+    ::_exit(101);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(told, &status, 0), told);
+  EXPECT_EQ(WEXITSTATUS(status), SIGTERM);
 
   // Orphaned: a process that dies mid-run takes its child along; this one
   // adopts the orphan to see how it ended.
@@ -177,7 +188,6 @@ TEST_F(Hostile, ChildrenKeepOnlyTheirDescriptorsAndEndWhenToldOrWhenTheirParentD
   char buf[32] = {};
   ASSERT_GT(::read(report[0], buf, sizeof buf - 1), 0);
   ::close(report[0]);
-  int status = 0;
   ASSERT_EQ(::waitpid(parent, &status, 0), parent);
   ASSERT_EQ(::waitpid(std::atoi(buf), &status, 0), std::atoi(buf));
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
