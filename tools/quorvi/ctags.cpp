@@ -24,6 +24,32 @@ std::optional<std::int64_t> int_member(const nlohmann::json& j, const char* key)
   return it->get<std::int64_t>();
 }
 
+// Keeps ctags from reading .ctags.d in the working and the home directory;
+// it must come before every other option.
+constexpr const char* kNoOptionFiles = "--options=NONE";
+
+// What ctags says on standard error when it reads no option files.
+constexpr std::string_view kNoOptionsNotice = "ctags: Notice: No options will be read";
+
+// ctags only warns, and exits 0, when it cannot open an input file; the
+// reason follows this marker on the same line.
+constexpr std::string_view kCannotOpen = "cannot open input file \"";
+
+// ctags' standard error without the notice that every run prints.
+std::string complaints(const std::string& err) {
+  std::string out;
+  std::size_t start = 0;
+  while (start < err.size()) {
+    auto end = err.find('\n', start);
+    if (end == std::string::npos) end = err.size();
+    auto line = std::string_view(err).substr(start, end - start);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    if (!line.empty() && !line.starts_with(kNoOptionsNotice)) (out += out.empty() ? "" : "\n") += line;
+    start = end + 1;
+  }
+  return out;
+}
+
 }  // namespace
 
 std::optional<Tag> parse_tag_line(std::string_view line) {
@@ -48,19 +74,26 @@ std::optional<Tag> parse_tag_line(std::string_view line) {
   return tag;
 }
 
-std::optional<std::int64_t> parse_ctags_version(std::string_view version_text) {
-  static const std::regex pattern(R"(Universal Ctags (\d+)\.(\d+)(?:\.(\d+))?)");
+std::string CtagsVersion::text() const {
+  return std::to_string(major) + "." + std::to_string(minor) + "." + std::to_string(patch);
+}
+
+std::ostream& operator<<(std::ostream& out, const CtagsVersion& v) { return out << v.text(); }
+
+std::optional<CtagsVersion> parse_ctags_version(std::string_view version_text) {
+  // Two digits at most per part: the stamp number gives each part two.
+  static const std::regex pattern(R"(Universal Ctags (\d{1,2})\.(\d{1,2})(?:\.(\d{1,2}))?(?!\d))");
   std::cmatch m;
   if (!std::regex_search(version_text.begin(), version_text.end(), m, pattern)) return std::nullopt;
   auto num = [&](int i) -> std::int64_t { return m[i].matched ? std::stoll(m[i].str()) : 0; };
-  return num(1) * 10000 + num(2) * 100 + num(3);
+  return CtagsVersion{num(1), num(2), num(3)};
 }
 
 Ctags::Ctags(std::string program) : program_(std::move(program)) {
   std::string out;
   ProcessResult r;
   try {
-    r = run_process({program_, "--version"}, [&](std::string_view l) {
+    r = run_process({program_, kNoOptionFiles, "--version"}, [&](std::string_view l) {
       out.append(l);
       out.push_back('\n');
     });
@@ -93,22 +126,32 @@ std::vector<std::string> Ctags::arguments(const std::vector<std::string>& files)
   return args;
 }
 
-bool Ctags::run(const std::vector<std::string>& files, const std::function<void(Tag&&)>& on_tag,
-                std::string& error) const {
+bool Ctags::run(const std::vector<std::string>& files, const std::function<void(Tag&&)>& on_tag, std::string& error,
+                const std::vector<int>& inherit) const {
   if (files.empty()) return true;
   auto args = arguments(files);
-  args.insert(args.begin(), program_);
-  const auto r = run_process(args, [&](std::string_view line) {
-    if (auto tag = parse_tag_line(line)) on_tag(std::move(*tag));
-  });
-  if (r.exit_code == 0) return true;
+  args.insert(args.begin(), {program_, kNoOptionFiles});
+  const auto r = run_process(
+      args,
+      [&](std::string_view line) {
+        if (auto tag = parse_tag_line(line)) on_tag(std::move(*tag));
+      },
+      inherit);
+  const auto text = complaints(r.err);
+  if (r.exit_code == 0) {
+    // The names given are the caller's own, so only the reason is told.
+    const auto at = text.find(kCannotOpen);
+    if (at == std::string::npos) return true;
+    const auto end = text.find('\n', at);
+    const auto line = std::string_view(text).substr(at, end == std::string::npos ? end : end - at);
+    const auto reason = line.rfind("\" : ");
+    error = "ctags cannot open the file";
+    if (reason != std::string_view::npos) error += ": " + std::string(line.substr(reason + 4));
+    return false;
+  }
   error = r.signal ? "ctags died of signal " + std::to_string(r.signal)
                    : "ctags exited with status " + std::to_string(r.exit_code);
-  if (!r.err.empty()) {
-    auto text = r.err;
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-    error += ": " + text;
-  }
+  if (!text.empty()) error += ": " + text;
   return false;
 }
 

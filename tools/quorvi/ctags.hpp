@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,10 +29,20 @@ struct Tag {
 // blank lines and anything else that is not a tag.
 std::optional<Tag> parse_tag_line(std::string_view line);
 
-// "Universal Ctags 5.9.0(...)" -> 50900: major * 10000 + minor * 100 +
-// patch, the extractor version recorded for every parsed language. None
+// A ctags release. It prints as people write it ("5.9.0") and converts to
+// the number recorded as the extractor version of every parsed language:
+// major * 10000 + minor * 100 + patch (50900), which grows with each release.
+struct CtagsVersion {
+  std::int64_t major = 0, minor = 0, patch = 0;
+  std::int64_t number() const noexcept { return major * 10000 + minor * 100 + patch; }
+  operator std::int64_t() const noexcept { return number(); }
+  std::string text() const;
+};
+std::ostream& operator<<(std::ostream& out, const CtagsVersion& v);
+
+// "Universal Ctags 5.9.0(...)" -> 5.9.0; a missing patch level is 0. None
 // for text that names no Universal Ctags version.
-std::optional<std::int64_t> parse_ctags_version(std::string_view version_text);
+std::optional<CtagsVersion> parse_ctags_version(std::string_view version_text);
 
 class Ctags {
  public:
@@ -40,24 +51,27 @@ class Ctags {
   // output.
   explicit Ctags(std::string program = "ctags");
 
-  std::int64_t version() const noexcept { return version_; }
+  const CtagsVersion& version() const noexcept { return version_; }
   const std::string& program() const noexcept { return program_; }
 
   // Extracts the tags of `files` in one run. Give absolute paths: ctags has
   // no end-of-options marker, so a relative name that begins with '-' would
-  // be taken for an option.
+  // be taken for an option. ctags reads no option files (--options=NONE), so
+  // neither the working directory's nor the home directory's .ctags.d
+  // changes what it extracts. The descriptors in `inherit` stay open in it.
   // `on_tag` gets each tag as it is read. Returns false with `error`
-  // set when ctags failed (exit status or signal); tags handed over before
-  // the failure stay handed over.
-  bool run(const std::vector<std::string>& files, const std::function<void(Tag&&)>& on_tag,
-           std::string& error) const;
+  // set when ctags failed (exit status or signal) or could not open one of
+  // the files; tags handed over before the failure stay handed over.
+  bool run(const std::vector<std::string>& files, const std::function<void(Tag&&)>& on_tag, std::string& error,
+           const std::vector<int>& inherit = {}) const;
 
-  // The ctags argument list for `files`, without the program name.
+  // The ctags argument list for `files`, without the program name and the
+  // leading --options=NONE.
   static std::vector<std::string> arguments(const std::vector<std::string>& files);
 
  private:
   std::string program_;
-  std::int64_t version_ = 0;
+  CtagsVersion version_;
 };
 
 }  // namespace marsk_quorvi::cli

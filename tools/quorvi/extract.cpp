@@ -1,11 +1,20 @@
 #include "quorvi/extract.hpp"
 
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
 
+#include "marsk_quorvi/errors.hpp"
 #include "quorvi/language.hpp"
 #include "quorvi/source_file.hpp"
 
@@ -22,37 +31,101 @@ struct Batch {
   std::int64_t ctags_runs = 0;
 };
 
-void extract_batch(const fs::path& repo, const WalkResult& walked, const Ctags* ctags, std::int64_t max_bytes,
-                   Batch& batch) {
-  // Absolute path as given to ctags -> index into batch.files.
-  std::unordered_map<std::string, std::size_t> parsed;
-  std::vector<std::string> to_parse;
+// Whether ctags can be pointed at a file this process holds open: the link
+// /proc/self/fd/N, read in ctags, names ctags' own copy of the descriptor.
+bool can_link_descriptors() {
+  static const bool yes = ::access("/proc/self/fd", X_OK) == 0;
+  return yes;
+}
+
+// A private folder of links through which ctags reads the files of a batch.
+// ctags gets names it can write in its JSON output (it leaves out the path of
+// a name that is not UTF-8, and with it the tag's owner), and, where /proc
+// allows, each link leads to the very file this process opened and checked,
+// so a file swapped for a link after the check is still not what ctags reads.
+class LinkFolder {
+ public:
+  LinkFolder() {
+    const char* tmp = std::getenv("TMPDIR");
+    std::string base = tmp && *tmp && valid_utf8(tmp) ? tmp : "/tmp";
+    std::string templ = base + "/quorvi-ctags-XXXXXX";
+    if (!::mkdtemp(templ.data())) {
+      throw OSError("cannot make a folder for ctags in " + base + ": " + std::strerror(errno), errno, base);
+    }
+    dir_ = templ;
+  }
+  ~LinkFolder() {
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+  }
+  LinkFolder(const LinkFolder&) = delete;
+  LinkFolder& operator=(const LinkFolder&) = delete;
+
+  // A link to `target`, in a folder of its own so that it can keep the
+  // file's own name, by which ctags tells `Makefile` or `CMakeLists.txt`.
+  std::string add(std::size_t n, std::string_view rel, const std::string& target) {
+    const fs::path sub = dir_ / std::to_string(n);
+    std::string name(rel.substr(rel.rfind('/') + 1));
+    const bool plain = valid_utf8(name) && std::none_of(name.begin(), name.end(), [](char c) {
+                         return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+                       });
+    // The language is told by the extension, which the table keeps ASCII.
+    if (!plain) name = "file" + (name.rfind('.') == std::string::npos ? "" : name.substr(name.rfind('.')));
+    const fs::path link = sub / name;
+    if (::mkdir(sub.c_str(), 0700) != 0 || ::symlink(target.c_str(), link.c_str()) != 0) {
+      throw OSError("cannot make a link for ctags in " + dir_.string() + ": " + std::strerror(errno), errno, dir_);
+    }
+    return link.string();
+  }
+
+ private:
+  fs::path dir_;
+};
+
+void extract_batch(const fs::path& repo, int root, const WalkResult& walked, const Ctags* ctags,
+                   std::int64_t max_bytes, Batch& batch) {
+  struct ToParse {
+    std::size_t record;
+    FileHandle file;
+    std::string link;
+  };
+  std::vector<ToParse> to_parse;
   for (std::size_t i = batch.begin; i < batch.end; ++i) {
     const auto& entry = walked.files[i];
     if (entry.kind == WalkEntry::Kind::other) {
       batch.errors.push_back({entry.path, IO_ERROR, "not a regular file: a " + entry.other_kind, std::nullopt});
       continue;
     }
-    const fs::path full = repo / entry.path;
-    auto source = read_source(full, max_bytes);
+    FileRecord record;
+    record.language = language_for(entry.path.substr(entry.path.rfind('/') + 1));
+    const bool parse = ctags && ctags_parser(record.language);
+    auto source = read_source(root, entry.path, max_bytes, parse && can_link_descriptors());
     if (!source.ok()) {
       batch.errors.push_back({entry.path, source.error_type, source.message, std::nullopt});
       continue;
     }
-    FileRecord record;
     record.path = entry.path;
-    record.language = language_for(fs::path(entry.path).filename().string());
     record.size = source.size;
+    record.mtime = source.mtime;
     record.line_count = count_lines(source.text);
     record.text = std::move(source.text);
-    if (ctags && ctags_parser(record.language)) {
-      parsed.emplace(full.string(), batch.files.size());
-      to_parse.push_back(full.string());
-    }
+    if (parse) to_parse.push_back({batch.files.size(), std::move(source.file), {}});
     batch.files.push_back(std::move(record));
   }
-  if (!ctags || to_parse.empty()) return;
+  if (to_parse.empty()) return;
 
+  LinkFolder links;
+  std::unordered_map<std::string, std::size_t> parsed;  // link -> index into batch.files
+  std::vector<int> inherit;
+  std::vector<std::string> names;
+  for (std::size_t n = 0; n < to_parse.size(); ++n) {
+    auto& p = to_parse[n];
+    const auto& rel = batch.files[p.record].path;
+    p.link = links.add(n, rel, p.file ? "/proc/self/fd/" + std::to_string(p.file.get()) : (repo / rel).string());
+    if (p.file) inherit.push_back(p.file.get());
+    parsed.emplace(p.link, p.record);
+    names.push_back(p.link);
+  }
   auto collect = [&](Tag&& tag) {
     auto it = parsed.find(tag.path);
     if (it == parsed.end()) return;
@@ -61,14 +134,16 @@ void extract_batch(const fs::path& repo, const WalkResult& walked, const Ctags* 
   };
   std::string error;
   ++batch.ctags_runs;
-  if (!ctags->run(to_parse, collect, error)) {
+  if (!ctags->run(names, collect, error, inherit)) {
     // Find the culprit: start over one file at a time.
-    for (const auto& file : to_parse) batch.files[parsed[file]].tags.clear();
-    for (const auto& file : to_parse) {
+    for (const auto& p : to_parse) batch.files[p.record].tags.clear();
+    for (const auto& p : to_parse) {
       std::string one_error;
       ++batch.ctags_runs;
-      if (!ctags->run({file}, collect, one_error)) {
-        auto& record = batch.files[parsed[file]];
+      std::vector<int> one;
+      if (p.file) one.push_back(p.file.get());
+      if (!ctags->run({p.link}, collect, one_error, one)) {
+        auto& record = batch.files[p.record];
         record.tags.clear();
         batch.errors.push_back({record.path, PARSE_ERROR, one_error, std::nullopt});
       }
@@ -81,11 +156,31 @@ void extract_batch(const fs::path& repo, const WalkResult& walked, const Ctags* 
   }
 }
 
+// Descriptors a batch may hold open at once while its ctags runs: the soft
+// limit, raised to the hard one, shared among the threads with room to spare.
+std::size_t descriptors_per_batch(unsigned jobs) {
+  rlimit lim{};
+  if (::getrlimit(RLIMIT_NOFILE, &lim) != 0) return 64;
+  if (lim.rlim_cur < lim.rlim_max) {
+    rlimit raised = lim;
+    raised.rlim_cur = lim.rlim_max;
+    if (::setrlimit(RLIMIT_NOFILE, &raised) == 0) lim = raised;
+  }
+  const auto usable = lim.rlim_cur == RLIM_INFINITY ? rlim_t{1} << 20 : lim.rlim_cur;
+  return std::max<std::size_t>(8, (usable > 128 ? usable - 128 : 0) / std::max(1u, jobs));
+}
+
 }  // namespace
 
 Extraction extract(const fs::path& repo, const WalkResult& walked, const Ctags* ctags,
                    const ExtractOptions& options) {
   const auto max_bytes = options.max_file_bytes > 0 ? options.max_file_bytes : DEFAULT_MAX_FILE_BYTES;
+  const FileHandle root(::open(repo.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!root) throw OSError("cannot open " + repo.string() + ": " + std::strerror(errno), errno, repo);
+  unsigned jobs = options.jobs ? options.jobs : std::max(1u, std::thread::hardware_concurrency());
+  const auto batch_files =
+      std::max<std::size_t>(1, std::min(options.batch_files, can_link_descriptors() ? descriptors_per_batch(jobs)
+                                                                                    : options.batch_files));
   // Batches close on a file count or on a byte budget, whichever comes
   // first, so that one batch of huge files does not hold up the others.
   std::vector<Batch> batches;
@@ -93,10 +188,8 @@ Extraction extract(const fs::path& repo, const WalkResult& walked, const Ctags* 
     Batch current;
     std::size_t bytes = 0;
     for (std::size_t i = 0; i < walked.files.size(); ++i) {
-      std::error_code ec;
-      const auto size = fs::file_size(repo / walked.files[i].path, ec);
-      bytes += ec ? 0 : static_cast<std::size_t>(size);
-      if (i - current.begin + 1 >= options.batch_files || bytes >= options.batch_bytes) {
+      bytes += static_cast<std::size_t>(std::max<std::int64_t>(0, walked.files[i].size));
+      if (i - current.begin + 1 >= batch_files || bytes >= options.batch_bytes) {
         current.end = i + 1;
         batches.push_back(std::move(current));
         current = Batch{};
@@ -108,7 +201,6 @@ Extraction extract(const fs::path& repo, const WalkResult& walked, const Ctags* 
     if (current.end > current.begin) batches.push_back(std::move(current));
   }
 
-  unsigned jobs = options.jobs ? options.jobs : std::max(1u, std::thread::hardware_concurrency());
   jobs = static_cast<unsigned>(std::min<std::size_t>(jobs, std::max<std::size_t>(1, batches.size())));
   std::atomic<std::size_t> next{0};
   std::atomic<std::size_t> done_files{0};
@@ -124,7 +216,7 @@ Extraction extract(const fs::path& repo, const WalkResult& walked, const Ctags* 
         if (failure) return;
       }
       try {
-        extract_batch(repo, walked, ctags, max_bytes, batches[b]);
+        extract_batch(repo, root.get(), walked, ctags, max_bytes, batches[b]);
       } catch (...) {
         std::lock_guard lk(failure_mu);
         if (!failure) failure = std::current_exception();
@@ -144,7 +236,7 @@ Extraction extract(const fs::path& repo, const WalkResult& walked, const Ctags* 
   if (failure) std::rethrow_exception(failure);
 
   Extraction out;
-  for (const auto& [dir, why] : walked.unlisted) out.errors.push_back({dir, IO_ERROR, "cannot list: " + why, std::nullopt});
+  for (const auto& p : walked.problems) out.errors.push_back({p.path, p.error_type, p.message, std::nullopt});
   for (auto& batch : batches) {
     out.ctags_runs += batch.ctags_runs;
     for (auto& f : batch.files) {

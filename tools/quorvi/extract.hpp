@@ -22,6 +22,7 @@ struct FileRecord {
   std::string text;
   std::int64_t size = 0;
   std::int64_t line_count = 0;
+  std::optional<double> mtime;  // of the file as read
   std::vector<Tag> tags;  // sorted by line, then name
 };
 
@@ -49,12 +50,18 @@ struct ExtractOptions {
   std::function<void(std::size_t, std::size_t)> on_progress;
 };
 
-// Reads every walked file under `repo` and runs ctags (`ctags` may be none:
-// then no symbols are extracted) over the readable files of parsed
-// languages, batch by batch on `jobs` threads. A batch on which ctags fails
-// is run again file by file, so that one bad file costs only its own symbols
-// and gets a PARSE_ERROR row. Raises only for what it cannot go on without
-// (a ctags that cannot be started).
+// Reads every walked file under `repo` (without following a symbolic link,
+// see read_source) and runs ctags (`ctags` may be none: then no symbols are
+// extracted) over the readable files of parsed languages, batch by batch on
+// `jobs` threads. ctags reads each file through a link in a private
+// temporary folder, so a file whose name is not UTF-8 keeps its symbols. A
+// batch on which ctags fails is run again file by file, so that one bad file
+// costs only its own symbols and gets a PARSE_ERROR row. The walk's problems
+// come first among the errors. Each batch holds its files open while its
+// ctags runs, so batches are cut to what the limit of open files allows
+// (whose soft value is raised to the hard one for that). Raises only for
+// what it cannot go on without (a ctags that cannot be started, no
+// temporary folder).
 Extraction extract(const std::filesystem::path& repo, const WalkResult& walked, const Ctags* ctags,
                    const ExtractOptions& options);
 

@@ -1,7 +1,11 @@
 #include "quorvi/gitignore.hpp"
 
-#include <fstream>
-#include <sstream>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "quorvi/source_file.hpp"
 
 namespace marsk_quorvi::cli {
 
@@ -50,11 +54,17 @@ IgnoreRules::IgnoreRules(std::string_view text) {
 }
 
 IgnoreRules IgnoreRules::load(const std::filesystem::path& repo) {
-  std::ifstream in(repo / ".gitignore", std::ios::binary);
-  if (!in) return {};
-  std::ostringstream text;
-  text << in.rdbuf();
-  return IgnoreRules(text.str());
+  // A repository that cannot be opened fails the walk, which says so.
+  const FileHandle dir(::open(repo.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!dir) return {};
+  constexpr const char* name = ".gitignore";
+  struct stat st {};
+  if (::fstatat(dir.get(), name, &st, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) return {};
+  auto source = read_source(dir.get(), name, MAX_GITIGNORE_BYTES);
+  if (source.ok()) return IgnoreRules(source.text);
+  IgnoreRules none;
+  none.problem_ = PathProblem{name, source.error_type, "rules not applied: " + source.message};
+  return none;
 }
 
 bool IgnoreRules::ignored(std::string_view path, bool is_dir) const {

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace marsk_quorvi::cli {
 
@@ -30,15 +31,51 @@ std::string kind_of(mode_t mode) {
 
 }  // namespace
 
-SourceText read_source(const std::filesystem::path& path, std::int64_t max_bytes) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  if (fd < 0) return failure(IO_ERROR, std::string("cannot open: ") + std::strerror(errno));
-  struct Closer {
-    int fd;
-    ~Closer() { ::close(fd); }
-  } closer{fd};
+FileHandle& FileHandle::operator=(FileHandle&& o) noexcept {
+  if (this != &o) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = o.release();
+  }
+  return *this;
+}
+
+FileHandle::~FileHandle() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+int FileHandle::release() noexcept { return std::exchange(fd_, -1); }
+
+FileHandle open_beneath(int root, std::string_view rel, int flags) {
+  FileHandle dir;
+  int at = root;
+  while (true) {
+    const auto slash = rel.find('/');
+    const std::string segment(rel.substr(0, slash));
+    if (segment.empty() || segment == "." || segment == "..") {
+      errno = EINVAL;
+      return {};
+    }
+    const bool last = slash == std::string_view::npos;
+    FileHandle next(::openat(at, segment.c_str(),
+                             O_NOFOLLOW | O_CLOEXEC | (last ? flags : O_RDONLY | O_DIRECTORY | O_NONBLOCK)));
+    if (!next || last) return next;
+    dir = std::move(next);
+    at = dir.get();
+    rel.remove_prefix(slash + 1);
+  }
+}
+
+std::string open_failure(int error_number) {
+  // O_NOFOLLOW's ELOOP means a link was met where the walk saw none.
+  if (error_number == ELOOP) return "cannot open: a symbolic link, not followed";
+  return std::string("cannot open: ") + std::strerror(error_number);
+}
+
+SourceText read_source(int root, std::string_view rel, std::int64_t max_bytes, bool keep_open) {
+  FileHandle file = open_beneath(root, rel, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+  if (!file) return failure(IO_ERROR, open_failure(errno));
   struct stat st {};
-  if (::fstat(fd, &st) != 0) return failure(IO_ERROR, std::string("cannot stat: ") + std::strerror(errno));
+  if (::fstat(file.get(), &st) != 0) return failure(IO_ERROR, std::string("cannot stat: ") + std::strerror(errno));
   if (!S_ISREG(st.st_mode)) return failure(IO_ERROR, "not a regular file: " + kind_of(st.st_mode));
   const auto size = static_cast<std::int64_t>(st.st_size);
   if (size > max_bytes) {
@@ -46,11 +83,12 @@ SourceText read_source(const std::filesystem::path& path, std::int64_t max_bytes
                    std::to_string(size) + " bytes, the limit is " + std::to_string(max_bytes) + " bytes", size);
   }
   SourceText out;
+  out.mtime = static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1e9;
   out.text.resize(static_cast<std::size_t>(size));
   std::size_t done = 0;
   while (true) {
     if (done == out.text.size()) out.text.resize(done + 4096);  // the file grew meanwhile
-    const ssize_t n = ::read(fd, out.text.data() + done, out.text.size() - done);
+    const ssize_t n = ::read(file.get(), out.text.data() + done, out.text.size() - done);
     if (n < 0) {
       if (errno == EINTR) continue;
       return failure(IO_ERROR, std::string("cannot read: ") + std::strerror(errno), size);
@@ -71,6 +109,7 @@ SourceText read_source(const std::filesystem::path& path, std::int64_t max_bytes
   if (nul != std::string::npos && nul < sniff) {
     return failure(BINARY_ERROR, "binary content: a NUL byte at offset " + std::to_string(nul), out.size);
   }
+  if (keep_open) out.file = std::move(file);
   return out;
 }
 
@@ -78,6 +117,40 @@ std::int64_t count_lines(const std::string& text) {
   if (text.empty()) return 0;
   const auto newlines = static_cast<std::int64_t>(std::count(text.begin(), text.end(), '\n'));
   return text.back() == '\n' ? newlines : newlines + 1;
+}
+
+bool valid_utf8(std::string_view text) {
+  std::size_t i = 0;
+  while (i < text.size()) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    std::size_t n = 0;
+    unsigned min = 0;
+    if (c < 0x80) {
+      ++i;
+      continue;
+    }
+    if ((c & 0xe0) == 0xc0) {
+      n = 1, min = 0x80;
+    } else if ((c & 0xf0) == 0xe0) {
+      n = 2, min = 0x800;
+    } else if ((c & 0xf8) == 0xf0) {
+      n = 3, min = 0x10000;
+    } else {
+      return false;
+    }
+    if (i + n >= text.size()) return false;
+    unsigned code = c & (0x3f >> n);
+    for (std::size_t k = 1; k <= n; ++k) {
+      const auto d = static_cast<unsigned char>(text[i + k]);
+      if ((d & 0xc0) != 0x80) return false;
+      code = (code << 6) | (d & 0x3f);
+    }
+    // Overlong forms, UTF-16 surrogates and code points past U+10FFFF are
+    // not UTF-8 either.
+    if (code < min || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff)) return false;
+    i += n + 1;
+  }
+  return true;
 }
 
 }  // namespace marsk_quorvi::cli

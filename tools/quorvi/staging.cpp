@@ -12,6 +12,7 @@
 #include "marsk_quorvi/storage/sqlite.hpp"
 #include "marsk_quorvi/storage/storage_size.hpp"
 #include "marsk_quorvi/utils/path_filter.hpp"
+#include "quorvi/source_file.hpp"
 
 namespace marsk_quorvi::cli {
 
@@ -133,7 +134,7 @@ StagingCounts generate_staging_rows(const fs::path& repo, const Extraction& extr
     const auto folder = top_folder(f.path);
     std::optional<std::int64_t> component;
     if (!folder.empty()) component = component_ids.at(folder);
-    rows.file(file_id, f, content_hash(f.text), mtime_of(repo / f.path), component);
+    rows.file(file_id, f, content_hash(f.text), f.mtime ? f.mtime : mtime_of(repo / f.path), component);
 
     // The file's anchor, under which its top-level symbols hang.
     const auto anchor = ++symbol_id;
@@ -159,11 +160,22 @@ StagingCounts generate_staging_rows(const fs::path& repo, const Extraction& extr
     counts.symbols += static_cast<std::int64_t>(f.tags.size());
 
     // The text in pieces of CHUNK_LINES lines, each keyed by the file id and
-    // its number, verbatim.
+    // its number, verbatim. The rowid layout holds MAX_CHUNKS_PER_FILE of
+    // them; the text past that stays out and the file gets an error row,
+    // which is better than a chunk that claims the next file's rowids.
     std::size_t pos = 0;
     std::int64_t line = 1;
     std::int64_t n = 0;
     while (pos < f.text.size()) {
+      if (n == storage::core_schema::MAX_CHUNKS_PER_FILE) {
+        rows.error({f.path, TOO_LARGE_ERROR,
+                    "more than " + std::to_string(n * CHUNK_LINES) + " lines, the most the index holds of one file (" +
+                        std::to_string(n) + " chunks of " + std::to_string(CHUNK_LINES) + "); lines from " +
+                        std::to_string(line) + " on are not searchable",
+                    std::nullopt});
+        ++counts.errors;
+        break;
+      }
       std::size_t end = pos;
       std::int64_t lines = 0;
       while (end < f.text.size() && lines < CHUNK_LINES) {
@@ -182,7 +194,7 @@ StagingCounts generate_staging_rows(const fs::path& repo, const Extraction& extr
   }
   counts.files = file_id;
   for (const auto& e : extraction.errors) rows.error(e);
-  counts.errors = static_cast<std::int64_t>(extraction.errors.size());
+  counts.errors += static_cast<std::int64_t>(extraction.errors.size());
   return counts;
 }
 

@@ -42,7 +42,9 @@ struct StagingCounts {
 // top-level folders that hold indexed files, `files`, one `module` anchor
 // per file plus a `symbols` row per tag (nested under its enclosing symbol
 // when ctags names one), `code_chunks` with the text of each file in
-// CHUNK_LINES-line pieces, and an `index_errors` row per error. The file is
+// CHUNK_LINES-line pieces (at most MAX_CHUNKS_PER_FILE of them: the rest
+// of a longer file is left out with a TOO_LARGE_ERROR row naming it), and an
+// `index_errors` row per error. The file is
 // disposable until swapped in, so it is written without a journal and
 // without syncs, in one transaction with each statement prepared once.
 // `repo` gives the files' modification times. Raises storage::Error for

@@ -3,12 +3,15 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "marsk_quorvi/errors.hpp"
@@ -35,36 +38,114 @@ void make_pipe(Fd& read_end, Fd& write_end) {
   write_end.fd = fds[1];
 }
 
+// The live children, for terminate_children to reach from a signal handler:
+// a fixed array of lock-free atomics, since a handler may neither lock nor
+// allocate. A slot is 0 when free. More children than slots at once would
+// only go unsignalled; they still die with the tool.
+constexpr std::size_t kChildSlots = 1024;
+std::array<std::atomic<pid_t>, kChildSlots> g_children{};
+static_assert(std::atomic<pid_t>::is_always_lock_free);
+// Set for good by terminate_children: a tool that is stopping starts no
+// more children (a failed batch would otherwise be retried file by file).
+std::atomic<bool> g_stopping{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+std::size_t track(pid_t pid) {
+  for (std::size_t i = 0; i < kChildSlots; ++i) {
+    pid_t expected = 0;
+    if (g_children[i].compare_exchange_strong(expected, pid)) return i;
+  }
+  return kChildSlots;
+}
+
+// The program file execve is to run: looked up on PATH here, because the
+// child of a threaded process may only make async-signal-safe calls, which
+// execvp's search is not.
+std::string find_program(const std::string& name) {
+  if (name.find('/') != std::string::npos) return name;
+  const char* path = std::getenv("PATH");
+  std::string_view dirs = path && *path ? path : "/usr/local/bin:/usr/bin:/bin";
+  while (true) {
+    const auto colon = dirs.find(':');
+    const auto dir = dirs.substr(0, colon);
+    std::string candidate = (dir.empty() ? std::string(".") : std::string(dir)) + "/" + name;
+    struct stat st {};
+    if (::stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(candidate.c_str(), X_OK) == 0) {
+      return candidate;
+    }
+    if (colon == std::string_view::npos) break;
+    dirs.remove_prefix(colon + 1);
+  }
+  throw OSError("cannot run " + name + ": " + std::strerror(ENOENT), ENOENT);
+}
+
+// The child's side, between fork and exec. Reports the errno of what failed
+// on `report` and exits.
+[[noreturn]] void become_child(pid_t parent, const char* program, char* const* args, int out_w, int err_w,
+                               int report, const std::vector<int>& inherit) {
+  // Dies with the thread that forked it; a parent gone already before the
+  // request took hold is seen as a changed parent pid.
+  if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != parent) ::_exit(127);
+  sigset_t none;
+  ::sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
+  struct sigaction dfl {};
+  dfl.sa_handler = SIG_DFL;
+  for (int sig : {SIGPIPE, SIGINT, SIGTERM}) ::sigaction(sig, &dfl, nullptr);
+  const int in = ::open("/dev/null", O_RDONLY);
+  bool ok = in >= 0 && ::dup2(in, 0) == 0 && ::dup2(out_w, 1) == 1 && ::dup2(err_w, 2) == 2;
+  for (std::size_t i = 0; ok && i < inherit.size(); ++i) ok = ::fcntl(inherit[i], F_SETFD, 0) == 0;
+  if (ok) ::execve(program, args, environ);
+  const int e = errno;
+  [[maybe_unused]] const auto n = ::write(report, &e, sizeof e);
+  ::_exit(127);
+}
+
 }  // namespace
 
+void terminate_children() noexcept {
+  g_stopping.store(true);
+  for (auto& slot : g_children) {
+    const pid_t pid = slot.load();
+    if (pid > 0) ::kill(pid, SIGTERM);
+  }
+}
+
 ProcessResult run_process(const std::vector<std::string>& argv,
-                          const std::function<void(std::string_view)>& on_line) {
+                          const std::function<void(std::string_view)>& on_line, const std::vector<int>& inherit) {
   if (argv.empty()) throw OSError("run_process: no program given", EINVAL);
-  Fd out_r, out_w, err_r, err_w;
+  if (g_stopping.load()) throw OSError("not running " + argv[0] + ": stopping", EINTR);
+  const std::string program = find_program(argv[0]);
+  Fd out_r, out_w, err_r, err_w, report_r, report_w;
   make_pipe(out_r, out_w);
   make_pipe(err_r, err_w);
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, out_w.fd, 1);
-  posix_spawn_file_actions_adddup2(&actions, err_w.fd, 2);
+  make_pipe(report_r, report_w);
 
   std::vector<char*> args;
   args.reserve(argv.size() + 1);
   for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
 
-  pid_t pid = 0;
-  const int rc = ::posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) throw OSError("cannot run " + argv[0] + ": " + std::strerror(rc), rc);
+  const pid_t parent = ::getpid();
+  const pid_t pid = ::fork();
+  if (pid < 0) throw OSError("cannot run " + argv[0] + ": " + std::strerror(errno), errno);
+  if (pid == 0) become_child(parent, program.c_str(), args.data(), out_w.fd, err_w.fd, report_w.fd, inherit);
+  const std::size_t slot = track(pid);
+  // Forked while terminate_children ran: it may have missed this slot, but
+  // then its flag is seen here.
+  if (g_stopping.load()) ::kill(pid, SIGTERM);
   out_w.reset();
   err_w.reset();
+  report_w.reset();
 
   ProcessResult result;
-  std::string pending;
   auto reap = [&] {
+    // Waited for without reaping first: a zombie's pid cannot be handed to
+    // another process, so terminate_children never signals a stranger.
+    siginfo_t info{};
+    while (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) < 0 && errno == EINTR) {
+    }
+    if (slot < kChildSlots) g_children[slot].store(0);
     int status = 0;
     while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
@@ -75,6 +156,16 @@ ProcessResult run_process(const std::vector<std::string>& argv,
     }
   };
 
+  int exec_errno = 0;
+  ssize_t got = 0;
+  while ((got = ::read(report_r.fd, &exec_errno, sizeof exec_errno)) < 0 && errno == EINTR) {
+  }
+  if (got == static_cast<ssize_t>(sizeof exec_errno)) {
+    reap();
+    throw OSError("cannot run " + argv[0] + ": " + std::strerror(exec_errno), exec_errno);
+  }
+
+  std::string pending;
   try {
     std::array<char, 65536> buf{};
     // Both pipes are drained together: a child that fills its error pipe
