@@ -3,7 +3,13 @@
 // for ctags extracts) and the real executable on a repository made here.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <pty.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <fstream>
 
@@ -20,6 +26,7 @@ namespace fs = std::filesystem;
 namespace storage = marsk_quorvi::storage;
 using namespace marsk_quorvi::cli;
 using ::testing::AllOf;
+using ::testing::ContainsRegex;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
@@ -142,23 +149,91 @@ TEST_F(QuorviDb, StagingHoldsWhatBatchesOnThreadsExtractAndNothingWhenItFails) {
 
 #ifdef QUORVI_DB_EXE
 
+namespace {
+
+struct Result {
+  int status;  // the exit status, or 128 + the signal that ended it
+  std::string out, err;
+};
+
+// One run of the executable: `env` over the test's environment, as nobody
+// when `unprivileged` and the test runs as root, standard output on a
+// terminal when `tty`.
+struct Case {
+  std::vector<std::string> args;
+  int status;
+  ::testing::Matcher<const std::string&> out = ::testing::_;
+  ::testing::Matcher<const std::string&> err = "";
+  std::vector<std::string> env = {};
+  bool unprivileged = false, tty = false;
+};
+
+std::string slurp(const fs::path& p) {
+  std::ifstream f(p, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(f), {});
+}
+
+struct Child {
+  pid_t pid;
+  int terminal;
+  fs::path out, err;
+  Result wait() const {
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    std::string shown;
+    char buf[4096];
+    for (ssize_t n; terminal >= 0 && (n = ::read(terminal, buf, sizeof buf)) > 0;) shown.append(buf, static_cast<std::size_t>(n));
+    if (terminal >= 0) ::close(terminal);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), terminal >= 0 ? shown : slurp(out), slurp(err)};
+  }
+};
+
+Child start(const Case& c, const fs::path& dir) {
+  static int runs = 0;
+  Child child{0, -1, dir / ("out." + std::to_string(++runs)), dir / ("err." + std::to_string(runs))};
+  const int out = ::open(child.out.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  const int err = ::open(child.err.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  int slave = -1;
+  termios raw{};
+  ::cfmakeraw(&raw);
+  if (c.tty) ::openpty(&child.terminal, &slave, nullptr, &raw, nullptr);
+  std::vector<std::string> args{QUORVI_DB_EXE}, env = c.env;
+  args.insert(args.end(), c.args.begin(), c.args.end());
+  for (char** e = environ; *e; ++e) {
+    const std::string_view name(*e, std::string_view(*e).find('=') + 1);
+    if (std::none_of(env.begin(), env.end(), [&](const std::string& v) { return v.starts_with(name); })) env.emplace_back(*e);
+  }
+  auto pointers = [](std::vector<std::string>& v) {
+    std::vector<char*> p;
+    for (auto& s : v) p.push_back(s.data());
+    p.push_back(nullptr);
+    return p;
+  };
+  auto argv = pointers(args), envp = pointers(env);
+  const bool drop = c.unprivileged && ::geteuid() == 0;
+  child.pid = ::fork();
+  if (child.pid == 0) {
+    ::dup2(c.tty ? slave : out, 1);
+    ::dup2(err, 2);
+    if (drop && (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0)) ::_exit(125);
+    ::execve(argv[0], argv.data(), envp.data());
+    ::_exit(127);
+  }
+  for (int fd : {out, err, slave}) ::close(fd);
+  return child;
+}
+
+void run(const Case& c, const fs::path& dir) {
+  const auto r = start(c, dir).wait();
+  SCOPED_TRACE(::testing::PrintToString(c.args));
+  EXPECT_EQ(r.status, c.status);
+  EXPECT_THAT(r.out, c.out);
+  EXPECT_THAT(r.err, c.err);
+}
+
+}  // namespace
+
 TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
-  struct Case {
-    std::vector<std::string> args;
-    int status;
-    ::testing::Matcher<const std::string&> out;
-    ::testing::Matcher<const std::string&> err = "";
-  };
-  const auto run = [](const Case& c) {
-    std::vector<std::string> argv{QUORVI_DB_EXE};
-    argv.insert(argv.end(), c.args.begin(), c.args.end());
-    std::string out;
-    const auto r = run_process(argv, [&](std::string_view line) { (out += line) += "\n"; });
-    SCOPED_TRACE(::testing::PrintToString(c.args));
-    EXPECT_EQ(r.exit_code, c.status);
-    EXPECT_THAT(out, c.out);
-    EXPECT_THAT(r.err, c.err);
-  };
   const fs::path repo = path("repo"), db = repo / "memory/codebase-index/index.db";
   write(repo / ".gitignore", "*.log\n/generated/\n!keep.log\n");
   write(repo / "src/shapes.py", "class Rectangle:\n    def area(self):\n        return 42\n");
@@ -184,9 +259,10 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
   fs::create_symlink(repo / "fifo.c", repo / "fifo_link.c");  // opened through the link without blocking
   run({{"index", repo.string(), "--max-file-size", "9000"}, 0,
        AllOf(StartsWith("indexed " + fs::canonical(repo).string() + " into " + db.string() + "\n"),
-             HasSubstr("16 files walked, 11 indexed, 5 with errors, 8 symbols (ctags "),
-             HasSubstr("\nstaging build:  12 chunks in "),
-             EndsWith("generation: 1\ncompaction: nothing to release\n"))});
+             ContainsRegex("16 files walked, 11 indexed, 5 with errors, 8 symbols \\(ctags [0-9]+\\.[0-9]+\\.[0-9]+\\)"),
+             HasSubstr("\nstaging build:  12 chunks in "), HasSubstr("  symbols           19 (8 symbols, 11 file anchors)\n"),
+             HasSubstr("\ngeneration: 1\nfile: "))},
+      dir_);
 
   EXPECT_EQ(rows_of(db, "SELECT group_concat(path || ':' || language || ':' || size || ':' || ifnull(component_id, '-')"
                         " || ':' || (mtime > 1e9), ' ') FROM (SELECT * FROM files ORDER BY id)"),
@@ -207,14 +283,19 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
   EXPECT_EQ(rows_of(db, "SELECT rowid & 1048575, start_line, end_line FROM code_chunks WHERE rowid >> 20 = 8"),
             "0|1|60\n1|61|120\n2|121|125\n");
 
-  const fs::path bad = path("bad.db"), other = path("other.db"), none = path("none.db"), bench = path("bench");
-  fs::copy_file(db, bad);
+  const fs::path bad = path("bad.db"), other = path("other.db"), none = path("none.db"), bench = path("bench"),
+                 old = path("old.db"), foreign = path("foreign.db"), garbage = path("garbage.db"), empty = path("empty.db");
+  for (const auto& copy : {bad, other, old}) fs::copy_file(db, copy);
+  // A file of an older build, and one of another program with a table named like one of the index's.
+  storage::Connection::open(old.string())
+      ->executescript("ALTER TABLE index_errors DROP COLUMN line; UPDATE schema_info SET value = '2.0.0' WHERE key = 'version'");
+  storage::Connection::open(foreign.string())->executescript("CREATE TABLE files(x); INSERT INTO files VALUES (1)");
   storage::Connection::open(bad.string())
       ->executescript("CREATE TABLE t(a, b); INSERT INTO t VALUES (1, 2), (3, 4); CREATE INDEX ti ON t(a); "
                       "PRAGMA writable_schema=ON; UPDATE sqlite_master SET sql = 'CREATE INDEX ti ON t(b)' "
                       "WHERE name = 'ti'");
-  write(path("garbage.db"), std::string(8192, 'x'));
-  write(path("empty.db"), "");
+  write(garbage, std::string(8192, 'x'));
+  write(empty, "");
   write(bench / "a_bench",
         "#!/bin/sh\necho warming up\nprintf 'BENCH\\t%s\\t3\\ts\\tcp\\t2\\t1.500\\t%s\\n' le '<= 1.5' lt '< 1.5' "
         "ge '>= 2' uge '\u2265 1.5' gt 'ratio > 1x' ule '\u2264 1.4' word fast soon '<= soon'\n"
@@ -229,6 +310,8 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
   const auto usage = [](const std::string& message, const std::string& command) {
     return "quorvi-db: " + message + "\nTry 'quorvi-db " + command + "--help'.\n";
   };
+  std::string words;
+  for (int i = 0; i < 65; ++i) words += "w ";
   const Case cases[] = {
       {{"search", "spin_turbine", "--db", d}, 0, "lib/engine.cpp:3  int spin_turbine(int rpm) { return rpm * 2; }\n"},
       {{"search", "\"line 62\"", "OR", "\"line 64\"", "--db", d}, 0, "long.txt:62-64  line 62\n"},
@@ -243,12 +326,24 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
        AllOf(HasSubstr("\n  files       11\n  symbols     8\n"), HasSubstr("errors: 5\ngeneration: 1\nsize: "),
              HasSubstr("free)\nlast index: 20"))},
       {{"check", "--db", d}, 0, "ok\n"},
-      {{"compact", "--db", d}, 0, "compaction: nothing to release\n"},
+      {{"compact", "--db", d}, 0, StartsWith("compaction: nothing to release\nfile: ")},
       {{"check", "--db", bad}, 1, StartsWith("integrity check failed:\n  row 1 missing from index ti\n  row 2")},
-      {{"stats", "--db", path("garbage.db")}, 5, "", "quorvi-db: stats: file is not a database (the file is damaged or "
-                                                     "not an index; `quorvi-db index` rebuilds it)\n"},
-      {{"stats", "--db", none}, 3, "",
-       "quorvi-db: no index at " + none.string() + " (build one with `quorvi-db index`, or name the file with --db)\n"},
+      {{"stats", "--db", garbage}, 5, "", "quorvi-db: stats: file is not a database (the file is damaged or not a "
+                                          "database; `quorvi-db index REPO --db " + garbage.string() + "` moves it "
+                                          "aside and builds a new index)\n"},
+      {{"index", repo, "--db", garbage}, 0, HasSubstr("\ngeneration: 1\n"),  // the hint, taken
+       ContainsRegex("^quorvi-db: index: " + garbage.string() + " is damaged \\(file is not a database\\); moved it "
+                     "aside as " + garbage.string() + "\\.damaged-[0-9]{8}T[0-9]{6}Z and building a new index\n$")},
+      {{"stats", "--db", garbage}, 0, HasSubstr("\ngeneration: 1\n")},
+      {{"stats", "--db", old}, 0, HasSubstr("\n  files       11\n")},  // read as it is where it can be
+      {{"errors", "--db", old}, 6, "", "quorvi-db: errors: the index at " + old.string() + " was made by an older "
+                                       "build (index_errors has no column line); `quorvi-db index REPO --db " +
+                                       old.string() + "` upgrades it\n"},
+      {{"index", repo, "--db", old}, 0},
+      {{"errors", "--db", old}, 0, HasSubstr(" files with errors (")},
+      {{"search", std::string(4097, 'a'), "--db", d}, 2, "", usage("search query too long: 1 terms, 4097 bytes; at most "
+                                                                   "64 terms and 4096 bytes", "search ")},
+      {{"search", words, "--db", d}, 2, "", HasSubstr(": 65 terms, 130 bytes;")},
       {{"swap", none, "--db", d}, 3, "", "quorvi-db: no staging file at " + none.string() + "\n"},
       {{"index", "-"}, 3, "", "quorvi-db: no repository folder at -\n"},
       {{"bench", "--bench-dir", none}, 3, "", StartsWith("quorvi-db: no benchmark folder at " + none.string() + " (")},
@@ -269,32 +364,54 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
       {{"search", "--db", d, "--", "--db"}, 2, "", StartsWith("quorvi-db: malformed search query '--db': ")},
       {{}, 2, "", usage("no command given", "")},
       {{"frobnicate"}, 2, "", usage("unknown command 'frobnicate'", "")},
-      {{"--bogus", "stats"}, 2, "", usage("unknown option --bogus", "")},
-      {{"stats", "--bogus"}, 2, "", usage("unknown option --bogus", "stats ")},
+      {{"--bogus", "stats"}, 2, "", usage("The following argument was not expected: --bogus", "stats ")},
+      {{"stats", "--bogus"}, 2, "", usage("The following argument was not expected: --bogus", "stats ")},
       {{"--limit", "3", "stats"}, 2, "", usage("unknown option --limit for stats", "stats ")},
       {{"index", "a", "b"}, 2, "", usage("too many operands for index: 'b'", "index ")},
       {{"swap"}, 2, "", usage("swap needs STAGING", "swap ")},
-      {{"stats", "--db"}, 2, "", usage("--db needs a value (PATH)", "stats ")},
-      {{"stats", "--verbose=yes"}, 2, "", usage("--verbose takes no value", "stats ")},
+      {{"stats", "--db"}, 2, "", usage("--db: 1 required PATH missing", "stats ")},
+      {{"stats", "--verbose=yes"}, 2, "", usage("verbose was given a disallowed flag override", "stats ")},
       {{"errors", "--limit=0"}, 2, "", usage("--limit needs a whole number from 1, not '0'", "errors ")},
       {{"errors", "--limit", "5x"}, 2, "", usage("--limit needs a whole number from 1, not '5x'", "errors ")},
-      {{"errors", "--limit="}, 2, "", usage("--limit needs a whole number from 1, not ''", "errors ")},
+      {{"errors", "--limit="}, 2, "", usage("--limit: 1 required N missing", "errors ")},
       {{"index", "--jobs", "257"}, 2, "", usage("--jobs needs a whole number from 0 to 256, not '257'", "index ")},
       {{"-h"}, 0, AllOf(StartsWith("Usage: quorvi-db [OPTIONS] COMMAND [ARGS]\n"), HasSubstr("\n  bench  "),
-                        HasSubstr("\n  4  locked file: "), HasSubstr("\n  6  any other failure"))},
+                        HasSubstr("Commands that write the index:\n  index [REPO]  "), HasSubstr("\n  8  permission denied: "),
+                        HasSubstr("Commands that only read the index (it is opened read-only):\n  stats  "))},
       {{"search", "--help"}, 0, AllOf(StartsWith("Usage: quorvi-db search [OPTIONS] TEXT...\n"),
                                       HasSubstr("\n  --limit N  "), HasSubstr("\n  --db PATH  "))},
-      {{"swap", d, "--db", other, "-v"}, 0, EndsWith("\n  code_chunks       12\ngeneration: 1\n"),
+      {{"swap", d, "--db", other, "-v"}, 0, EndsWith("\n  code_chunks       12\ngeneration: 2\n"),
        HasSubstr(" info marsk_quorvi.storage.database: swap_index_from: replaced live index from " + d)},
-      {{"swap", d, "--db", other}, 0, EndsWith("\ngeneration: 2\n")},  // info lines only with --verbose
+      {{"swap", d, "--db", other}, 0, EndsWith("\ngeneration: 3\n")},  // info lines only with --verbose
       {{"clear", "--db", other}, 0, StartsWith("cleared " + other.string() + ":\n  files       11\n  symbols     8\n")},
       {{"index", repo, "--jobs", "256"}, 0, HasSubstr("16 files walked, 12 indexed, 4 with errors, 6 symbols (ctags ")},
       {{"generation", "--db", d}, 0, "2\n"},
       {{"search", "spin_turbine", "--db", d}, 0, "", "no hits for 'spin_turbine'\n"},
       {{"search", "spin_rotor", "--db", d}, 0, "lib/engine.cpp:1  int spin_rotor(int rpm) {\n"},
   };
-  for (const auto& c : cases) run(c);
-  EXPECT_FALSE(fs::exists(none));  // commands that only read never create an index
+  for (const auto& c : cases) run(c, dir_);
+  const auto foreign_bytes = slurp(foreign);
+  // Only `index` makes an index file, and none turns another file into one.
+  for (std::vector<std::string> args : std::initializer_list<std::vector<std::string>>{
+           {"stats"}, {"check"}, {"generation"}, {"errors"}, {"search", "x"}, {"compact"}, {"clear"}, {"swap", d}, {"index", repo}}) {
+    const auto cmd = args[0];
+    args.insert(args.end(), {"--db", ""});
+    run({args, 2, "", usage("--db needs a file name, not ''", cmd + " ")}, dir_);
+    for (const auto& file : {none, empty, foreign}) {
+      if (cmd == "index" && file != foreign) continue;
+      args.back() = file;
+      run({args, file == none ? 3 : 7, "",
+           StartsWith(file == none ? "quorvi-db: no index at " + none.string() + " (build one with `quorvi-db index`"
+                                   : "quorvi-db: " + cmd + ": not an index: '" + file.string() + "' ")},
+          dir_);
+    }
+  }
+  EXPECT_FALSE(fs::exists(none));
+  EXPECT_EQ(fs::file_size(empty), 0u);
+  EXPECT_EQ(slurp(foreign), foreign_bytes);
+  for (const auto& e : fs::directory_iterator(dir_)) {
+    if (e.path().filename().string().starts_with("garbage.db.damaged-")) EXPECT_EQ(slurp(e.path()), std::string(8192, 'x'));
+  }
 }
 
 #endif  // QUORVI_DB_EXE
