@@ -133,10 +133,11 @@ void set_aside(const fs::path& path, const std::string& why, const Context& ctx)
           << target.string() << " and building a new index\n";
 }
 
-// An index a command writes. It must exist unless `create`, and must be an
-// index (or, with `create`, an empty file); a file of another kind is never
-// turned into one. With `create`, a damaged file is set aside instead.
-std::unique_ptr<Database> open_for_writing(const Context& ctx, const fs::path& path, bool create) {
+// Whether a command may write the index at `path`, read-only. It must exist
+// unless `create`, and must be an index (or, with `create`, an empty file):
+// a file of another kind is never turned into one. With `create`, a damaged
+// file is set aside instead.
+void probe(const Context& ctx, const fs::path& path, bool create) {
   std::error_code ec;
   const auto size = fs::file_size(path, ec);
   if (ec && !create) require_file(path);
@@ -149,6 +150,10 @@ std::unique_ptr<Database> open_for_writing(const Context& ctx, const fs::path& p
       set_aside(path, e.what(), ctx);
     }
   }
+}
+
+std::unique_ptr<Database> open_for_writing(const Context& ctx, const fs::path& path, bool create) {
+  probe(ctx, path, create);
   auto db = std::make_unique<Database>(path);
   open_like_the_service(*db);
   return db;
@@ -193,11 +198,13 @@ int cmd_index(Context& ctx) {
     if (ec) raise_os_error(ec.value(), path.parent_path());
   }
   IndexRun run(path, lock_wait());
-  auto db = open_for_writing(ctx, path, true);
-  db->refresh_extractor_stamp(extractor_versions(&ctags));
+  probe(ctx, path, true);
+  // The live index is opened for writing only once the new one is built.
   Progress progress;
   IndexPass pass;
   build_pass(pass, abs_repo, path, run.staging(), &ctags, options, progress);
+  auto db = open_for_writing(ctx, path, true);
+  db->refresh_extractor_stamp(extractor_versions(&ctags));
   try {
     swap_pass(pass, *db, run.staging(), progress);
   } catch (const storage::Error& e) {

@@ -16,6 +16,7 @@
 #include "marsk_quorvi/errors.hpp"
 #include "marsk_quorvi/storage/core_schema.hpp"
 #include "quorvi/gitignore.hpp"
+#include "quorvi/index_pass.hpp"
 #include "quorvi/language.hpp"
 #include "quorvi/source_file.hpp"
 #include "quorvi/staging.hpp"
@@ -26,7 +27,6 @@ namespace fs = std::filesystem;
 namespace storage = marsk_quorvi::storage;
 using namespace marsk_quorvi::cli;
 using ::testing::AllOf;
-using ::testing::ContainsRegex;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
@@ -151,12 +151,7 @@ TEST_F(QuorviDb, StagingHoldsWhatBatchesOnThreadsExtractAndNothingWhenItFails) {
 
 namespace {
 
-struct Result {
-  int status;  // the exit status, or 128 + the signal that ended it
-  std::string out, err;
-};
-
-// One run of the executable: `env` over the test's environment, as nobody
+// One run of the executable: `env` before the test's environment, as nobody
 // when `unprivileged` and the test runs as root, standard output on a
 // terminal when `tty`.
 struct Case {
@@ -173,11 +168,13 @@ std::string slurp(const fs::path& p) {
   return std::string(std::istreambuf_iterator<char>(f), {});
 }
 
+// A started run; `wait` gives its exit status (128 + the signal that ended
+// it) and what it wrote.
 struct Child {
   pid_t pid;
   int terminal;
   fs::path out, err;
-  Result wait() const {
+  std::tuple<int, std::string, std::string> wait() const {
     int status = 0;
     ::waitpid(pid, &status, 0);
     std::string shown;
@@ -199,15 +196,11 @@ Child start(const Case& c, const fs::path& dir) {
   if (c.tty) ::openpty(&child.terminal, &slave, nullptr, &raw, nullptr);
   std::vector<std::string> args{QUORVI_DB_EXE}, env = c.env;
   args.insert(args.end(), c.args.begin(), c.args.end());
-  for (char** e = environ; *e; ++e) {
-    const std::string_view name(*e, std::string_view(*e).find('=') + 1);
-    if (std::none_of(env.begin(), env.end(), [&](const std::string& v) { return v.starts_with(name); })) env.emplace_back(*e);
-  }
+  for (char** e = environ; *e; ++e) env.emplace_back(*e);
   auto pointers = [](std::vector<std::string>& v) {
     std::vector<char*> p;
     for (auto& s : v) p.push_back(s.data());
-    p.push_back(nullptr);
-    return p;
+    return p.push_back(nullptr), p;
   };
   auto argv = pointers(args), envp = pointers(env);
   const bool drop = c.unprivileged && ::geteuid() == 0;
@@ -224,11 +217,22 @@ Child start(const Case& c, const fs::path& dir) {
 }
 
 void run(const Case& c, const fs::path& dir) {
-  const auto r = start(c, dir).wait();
+  const auto [status, out, err] = start(c, dir).wait();
   SCOPED_TRACE(::testing::PrintToString(c.args));
-  EXPECT_EQ(r.status, c.status);
-  EXPECT_THAT(r.out, c.out);
-  EXPECT_THAT(r.err, c.err);
+  EXPECT_EQ(status, c.status);
+  EXPECT_THAT(out, c.out);
+  EXPECT_THAT(err, c.err);
+}
+
+// Every command that only reads, on an index of a.c ("int alpha;").
+void reads_answer(const fs::path& db, const fs::path& dir, bool unprivileged) {
+  const std::pair<std::vector<std::string>, std::string> reads[] = {
+      {{"stats"}, "\nlast index: 20"}, {{"check"}, "ok\n"}, {{"generation"}, "1\n"},
+      {{"errors"}, "0 files with errors (0 rows)\n"}, {{"search", "alpha"}, "a.c:1  int alpha;\n"}};
+  for (auto [args, out] : reads) {
+    args.insert(args.end(), {"--db", db});
+    run({args, 0, HasSubstr(out), "", {}, unprivileged}, dir);
+  }
 }
 
 }  // namespace
@@ -259,7 +263,7 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
   fs::create_symlink(repo / "fifo.c", repo / "fifo_link.c");  // opened through the link without blocking
   run({{"index", repo.string(), "--max-file-size", "9000"}, 0,
        AllOf(StartsWith("indexed " + fs::canonical(repo).string() + " into " + db.string() + "\n"),
-             ContainsRegex("16 files walked, 11 indexed, 5 with errors, 8 symbols \\(ctags [0-9]+\\.[0-9]+\\.[0-9]+\\)"),
+             ::testing::ContainsRegex("16 files walked, 11 indexed, 5 with errors, 8 symbols \\(ctags [0-9]+\\.[0-9]+\\.[0-9]+\\)"),
              HasSubstr("\nstaging build:  12 chunks in "), HasSubstr("  symbols           19 (8 symbols, 11 file anchors)\n"),
              HasSubstr("\ngeneration: 1\nfile: "))},
       dir_);
@@ -310,8 +314,6 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
   const auto usage = [](const std::string& message, const std::string& command) {
     return "quorvi-db: " + message + "\nTry 'quorvi-db " + command + "--help'.\n";
   };
-  std::string words;
-  for (int i = 0; i < 65; ++i) words += "w ";
   const Case cases[] = {
       {{"search", "spin_turbine", "--db", d}, 0, "lib/engine.cpp:3  int spin_turbine(int rpm) { return rpm * 2; }\n"},
       {{"search", "\"line 62\"", "OR", "\"line 64\"", "--db", d}, 0, "long.txt:62-64  line 62\n"},
@@ -332,7 +334,7 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
                                           "database; `quorvi-db index REPO --db " + garbage.string() + "` moves it "
                                           "aside and builds a new index)\n"},
       {{"index", repo, "--db", garbage}, 0, HasSubstr("\ngeneration: 1\n"),  // the hint, taken
-       ContainsRegex("^quorvi-db: index: " + garbage.string() + " is damaged \\(file is not a database\\); moved it "
+       ::testing::ContainsRegex("^quorvi-db: index: " + garbage.string() + " is damaged \\(file is not a database\\); moved it "
                      "aside as " + garbage.string() + "\\.damaged-[0-9]{8}T[0-9]{6}Z and building a new index\n$")},
       {{"stats", "--db", garbage}, 0, HasSubstr("\ngeneration: 1\n")},
       {{"stats", "--db", old}, 0, HasSubstr("\n  files       11\n")},  // read as it is where it can be
@@ -343,7 +345,7 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
       {{"errors", "--db", old}, 0, HasSubstr(" files with errors (")},
       {{"search", std::string(4097, 'a'), "--db", d}, 2, "", usage("search query too long: 1 terms, 4097 bytes; at most "
                                                                    "64 terms and 4096 bytes", "search ")},
-      {{"search", words, "--db", d}, 2, "", HasSubstr(": 65 terms, 130 bytes;")},
+      {{"search", long_text.substr(0, 255), "--db", d}, 2, "", HasSubstr(": 66 terms, 255 bytes;")},
       {{"swap", none, "--db", d}, 3, "", "quorvi-db: no staging file at " + none.string() + "\n"},
       {{"index", "-"}, 3, "", "quorvi-db: no repository folder at -\n"},
       {{"bench", "--bench-dir", none}, 3, "", StartsWith("quorvi-db: no benchmark folder at " + none.string() + " (")},
@@ -407,11 +409,92 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
     }
   }
   EXPECT_FALSE(fs::exists(none));
-  EXPECT_EQ(fs::file_size(empty), 0u);
-  EXPECT_EQ(slurp(foreign), foreign_bytes);
-  for (const auto& e : fs::directory_iterator(dir_)) {
-    if (e.path().filename().string().starts_with("garbage.db.damaged-")) EXPECT_EQ(slurp(e.path()), std::string(8192, 'x'));
+  EXPECT_EQ(slurp(empty) + slurp(foreign), foreign_bytes);
+  for (const auto& e : fs::directory_iterator(dir_))
+    if (e.path().string().find(".damaged-") != std::string::npos) EXPECT_EQ(slurp(e.path()), std::string(8192, 'x'));
+}
+
+
+TEST_F(QuorviDb, WritesOnlyWhereAskedAndReadsWhatItMayOnlyRead) {
+  const fs::path repo = path("repo"), outside = path("outside"), shared = path("shared"), db = shared / "index.db";
+  write(repo / "a.c", "int alpha;\n");
+  fs::create_directories(outside / "codebase-index");
+  // The repository decides what lies on the way to its default index.
+  const std::pair<std::string, fs::path> links[] = {{"memory", outside},
+                                                    {"memory/codebase-index", outside / "codebase-index"},
+                                                    {"memory/codebase-index/index.db", outside / "program.db"},
+                                                    {"memory/codebase-index/index.db-wal", outside / "program.db"}};
+  for (const auto& [link, target] : links) {
+    fs::remove_all(repo / "memory");
+    fs::create_directories((repo / link).parent_path());
+    fs::create_symlink(target, repo / link);
+    run({{"index", repo}, 6, "", HasSubstr(link + " is a symbolic link (to " + target.string() + "): the default index")}, dir_);
   }
+  EXPECT_EQ(std::distance(fs::recursive_directory_iterator(outside), {}), 1);  // the empty folder
+  fs::remove(repo / links[3].first);
+  fs::create_symlink(links[2].second, repo / links[2].first);
+  run({{"index", repo, "--db", repo / links[2].first}, 0}, dir_);  // named, so followed
+  EXPECT_TRUE(fs::exists(outside / "program.db"));
+
+  // A folder and an index the user may only read (run as nobody when the test is root).
+  fs::create_directories(shared);
+  fs::copy_file(outside / "program.db", db);
+  fs::permissions(db, fs::perms(0444));
+  fs::permissions(shared, fs::perms(0555));
+  const auto before = slurp(db);
+  reads_answer(db, dir_, true);
+  EXPECT_EQ(slurp(db), before);
+  run({{"clear", "--db", db}, 8, "", HasSubstr(" (permission denied on the index file or its folder)\n"), {}, true}, dir_);
+  fs::permissions(db, fs::perms::none);
+  run({{"stats", "--db", db}, 8, "", HasSubstr(" (permission denied on the index file or its folder)\n"), {}, true}, dir_);
+
+  // A root that cannot be listed fails the run before the swap.
+  fs::permissions(shared, fs::perms::all);
+  fs::permissions(db, fs::perms::all);
+  fs::permissions(repo, fs::perms::none);
+  run({{"index", repo, "--db", db}, 8, "", "quorvi-db: index: [Errno 13] Permission denied: '" +
+                                               fs::canonical(repo).string() + "'\n", {}, true}, dir_);
+  EXPECT_EQ(slurp(db), before);
+  fs::permissions(repo, fs::perms::all);
+}
+
+TEST_F(QuorviDb, OneIndexRunAtATimeReadersNeverWaitAndTerminalsSeeNoEscapes) {
+  const fs::path repo = path("repo"), db = path("index.db"), bin = path("bin"), mark = path("ctags.pid");
+  write(repo / "a.c", "int alpha;\n");
+  write(repo / "e\x1b[31m.c", "int \x1b]0;title\x07 x;\n");
+  run({{"index", repo, "--db", db}, 0}, dir_);
+  run({{"search", "title", "--db", db}, 0, "e\\x1b[31m.c:1  int \\x1b]0;title\\x07 x;\n", "", {}, false, true}, dir_);
+  run({{"search", "title", "--db", db}, 0, "e\x1b[31m.c:1  int \x1b]0;title\x07 x;\n"}, dir_);  // not a terminal
+
+  // Reads answer at once while this process holds a write transaction.
+  storage::Database writer(db);
+  open_like_the_service(writer);
+  writer.transaction([&](storage::Cursor& c) {
+    c.execute("DELETE FROM index_errors");
+    reads_answer(db, dir_, false);
+  });
+  writer.close();
+
+  // A run held up in ctags keeps the lock; a signal ends it and its staging file.
+  write(bin / "ctags", "#!/bin/sh\ncase \"$*\" in *--version*) echo 'Universal Ctags 5.9.0, +json'; exit 0;; esac\n"
+                       "echo $$ > " + mark.string() + "\nexec sleep 60\n", true);
+  const std::string path_env = "PATH=" + bin.string() + ":" + std::getenv("PATH");
+  for (const int sig : {SIGTERM, SIGINT}) {
+    fs::remove(mark);
+    const auto first = start({{"index", repo, "--db", db}, 0, "", "", {path_env}}, dir_);
+    for (int i = 0; i < 3000 && slurp(mark).empty(); ++i) ::usleep(10000);
+    run({{"index", repo, "--db", db}, 4, "",
+         HasSubstr(": another `quorvi-db index` run (pid " + std::to_string(first.pid) + ") is writing "),
+         {"QUORVI_DB_LOCK_WAIT_MS=0"}}, dir_);
+    ::kill(first.pid, sig);
+    const auto [status, out, err] = first.wait();
+    EXPECT_EQ(status, 128 + sig);
+    EXPECT_EQ(err, "quorvi-db: index: interrupted; the staging file is removed, the index is as it was\n");
+    ::kill(std::stoi(slurp(mark)), SIGKILL);
+    for (const auto& e : fs::directory_iterator(dir_)) EXPECT_THAT(e.path().string(), ::testing::Not(HasSubstr(".staging-")));
+    write(db.string() + ".staging-" + std::to_string(first.pid) + "-0", "as a killed run leaves it");
+  }
+  run({{"index", repo, "--db", db}, 0, HasSubstr("\nremoved 1 staging files of interrupted runs\n")}, dir_);
 }
 
 #endif  // QUORVI_DB_EXE
