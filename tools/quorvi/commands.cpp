@@ -35,10 +35,18 @@ struct Context {
 
   std::string shown(std::string_view text) const { return terminal ? escape_unprintable(text) : std::string(text); }
   fs::path db_path(const fs::path& repo = ".") const;
-  // The command that rebuilds this index, as a hint can name it.
+  // The command that builds this index anew, as a hint names it, ready to be
+  // pasted into a shell.
   std::string index_command() const {
     const auto db = inv.value("--db");
-    return db ? "`quorvi-db index REPO --db " + *db + "`" : "`quorvi-db index`";
+    if (!db) return "`quorvi-db index`";
+    std::string quoted = *db;
+    if (quoted.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./-+=:,") !=
+        std::string::npos) {
+      for (std::size_t at = 0; (at = quoted.find('\'', at)) != std::string::npos; at += 4) quoted.replace(at, 1, "'\\''");
+      quoted = "'" + quoted + "'";
+    }
+    return "`quorvi-db index REPO --db " + quoted + "`";
   }
 };
 
@@ -87,18 +95,22 @@ std::string utc_now(const char* format) {
   return buf;
 }
 
-void require_file(const fs::path& path) {
+void require_file(const Context& ctx, const fs::path& path) {
   std::error_code ec;
-  if (!fs::exists(path, ec)) {
-    throw Missing("no index at " + path.string() + " (build one with `quorvi-db index`, or name the file with --db)");
+  const auto status = fs::status(path, ec);
+  if (!fs::exists(status)) {
+    throw Missing("no index at " + path.string() + " (build one with " + ctx.index_command() +
+                  ", or name the file with --db)");
   }
+  // A FIFO or a device would block or be read as garbage.
+  if (!fs::is_regular_file(status)) throw std::runtime_error("not a regular file: " + path.string());
 }
 
 // An index the command only reads: opened read-only, so nothing in the file
 // changes, and refused when it is not an index.
 std::unique_ptr<Database> open_for_reading(const Context& ctx) {
   const auto path = ctx.db_path();
-  require_file(path);
+  require_file(ctx, path);
   auto db = std::make_unique<Database>(path, OpenMode::ReadOnly);
   db->connect();
   return db;
@@ -139,16 +151,15 @@ void set_aside(const fs::path& path, const std::string& why, const Context& ctx)
 // file is set aside instead.
 void probe(const Context& ctx, const fs::path& path, bool create) {
   std::error_code ec;
-  const auto size = fs::file_size(path, ec);
-  if (ec && !create) require_file(path);
-  if (!ec && (size > 0 || !create)) {
-    try {
-      Database probe(path, OpenMode::ReadOnly);
-      probe.connect();
-    } catch (const storage::Error& e) {
-      if (!create || !e.damaged()) throw;
-      set_aside(path, e.what(), ctx);
-    }
+  if (create && !fs::exists(fs::status(path, ec))) return;
+  require_file(ctx, path);
+  if (create && fs::file_size(path) == 0) return;
+  try {
+    Database probe(path, OpenMode::ReadOnly);
+    probe.connect();
+  } catch (const storage::Error& e) {
+    if (!create || !e.damaged()) throw;
+    set_aside(path, e.what(), ctx);
   }
 }
 

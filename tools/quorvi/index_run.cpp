@@ -10,7 +10,9 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <random>
+#include <string>
 #include <thread>
 
 #include "marsk_quorvi/errors.hpp"
@@ -34,7 +36,7 @@ struct sigaction g_saved_int, g_saved_term;
 extern "C" void on_signal(int sig) {
   if (g_staging[0]) ::unlink(g_staging);
   terminate_children();
-  constexpr char msg[] = "quorvi-db: index: interrupted; the staging file is removed, the index is as it was\n";
+  constexpr char msg[] = "quorvi-db: index: interrupted; its staging file is removed\n";
   [[maybe_unused]] auto n = ::write(STDERR_FILENO, msg, sizeof msg - 1);
   ::_exit(128 + sig);
 }

@@ -403,7 +403,8 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
       if (cmd == "index" && file != foreign) continue;
       args.back() = file;
       run({args, file == none ? 3 : 7, "",
-           StartsWith(file == none ? "quorvi-db: no index at " + none.string() + " (build one with `quorvi-db index`"
+           StartsWith(file == none ? "quorvi-db: no index at " + none.string() + " (build one with `quorvi-db index "
+                                     "REPO --db " + none.string() + "`, or"
                                    : "quorvi-db: " + cmd + ": not an index: '" + file.string() + "' ")},
           dir_);
     }
@@ -489,7 +490,7 @@ TEST_F(QuorviDb, OneIndexRunAtATimeReadersNeverWaitAndTerminalsSeeNoEscapes) {
     ::kill(first.pid, sig);
     const auto [status, out, err] = first.wait();
     EXPECT_EQ(status, 128 + sig);
-    EXPECT_EQ(err, "quorvi-db: index: interrupted; the staging file is removed, the index is as it was\n");
+    EXPECT_EQ(err, "quorvi-db: index: interrupted; its staging file is removed\n");
     ::kill(std::stoi(slurp(mark)), SIGKILL);
     for (const auto& e : fs::directory_iterator(dir_)) EXPECT_THAT(e.path().string(), ::testing::Not(HasSubstr(".staging-")));
     write(db.string() + ".staging-" + std::to_string(first.pid) + "-0", "as a killed run leaves it");
