@@ -72,8 +72,10 @@ class Formatter : public CLI::Formatter {
     for (const auto& c : commands_) {
       if (app->get_parent() && c.name == app->get_name()) operands = c.operands.empty() ? "" : " " + c.operands;
     }
-    return "Usage: " + name + " [OPTIONS]" + operands + "\n\n" + app->get_description() + make_groups(app, mode) +
-           make_subcommands(app, mode) + (app->get_parent() ? "" : "\n") + make_footer(app);
+    auto out = "Usage: " + name + " [OPTIONS]" + operands + "\n\n" + app->get_description() + make_groups(app, mode) +
+               make_subcommands(app, mode) + "\n" + make_footer(app);
+    for (std::size_t at; (at = out.find("\n\n\n")) != std::string::npos;) out.erase(at, 1);
+    return out;
   }
   std::string make_subcommand(const CLI::App* sub) const override {
     std::stringstream out;
