@@ -29,14 +29,12 @@ void open_like_the_service(storage::Database& db) {
 
 void build_pass(IndexPass& pass, const fs::path& repo, const fs::path& db_path, const fs::path& staging,
                 const Ctags* ctags, const ExtractOptions& options, Progress& progress) {
+  // Checked before the walk, which would take an unreadable root for an empty one.
   if (::faccessat(AT_FDCWD, repo.c_str(), R_OK | X_OK, AT_EACCESS) != 0) raise_os_error(errno, repo);
   auto start = std::chrono::steady_clock::now();
   auto walked = walk_repository(repo, IgnoreRules::load(repo), [&](std::size_t n) {
     progress.show("walking: " + std::to_string(n) + " files");
   });
-  for (const auto& [dir, why] : walked.unlisted) {
-    if (dir == ".") throw OSError("cannot list the repository " + repo.string() + ": " + why, 0, repo);
-  }
   // An index kept inside the repository somewhere else than memory/ must
   // not index itself, its journal, its lock or its staging files.
   const auto db_abs = fs::absolute(db_path).lexically_normal().string();
