@@ -90,7 +90,8 @@ void DatabaseImpl::connect() {
   Connection::Options options;
   options.busy_timeout_ms = _busy_timeout_ms;
   auto conn = Connection::open(db_path.string(), options);
-  _connection.store(conn);
+  // A handle connected again lets go of the file it had open.
+  if (auto previous = _connection.exchange(conn)) previous->close();
   conn->execute("PRAGMA page_size=" + std::to_string(storage_size::PAGE_SIZE));
   conn->execute("PRAGMA auto_vacuum=INCREMENTAL");
   auto journal = conn->execute("PRAGMA journal_mode=WAL").fetchone();
@@ -138,7 +139,7 @@ void DatabaseImpl::_connect_read_only() {
   }
   utils::register_path_functions(*conn);
   _closed.store(false);
-  _connection.store(conn);
+  if (auto previous = _connection.exchange(conn)) previous->close();
   auto journal = conn->execute("PRAGMA journal_mode").fetchone();
   const std::string mode = journal && !options.immutable ? ascii_lower((*journal)[0].to_text()) : std::string();
   auto previous = _readers.exchange(_open_readers(mode));
@@ -221,7 +222,7 @@ void DatabaseImpl::_transaction(const std::function<void(Cursor&)>& body) {
       [&] { cursor.execute("ROLLBACK"); });
 }
 
-Cursor DatabaseImpl::execute(std::string_view sql, const Params& params) {
+Cursor DatabaseImpl::execute(std::string_view sql, ParamsRef params) {
   std::lock_guard lock(_lock);
   return connection()->execute(sql, params);
 }
@@ -234,15 +235,15 @@ Cursor DatabaseImpl::executemany(std::string_view sql, const std::vector<Params>
 
 // ------------------------------------------------------------------ query routing
 
-std::shared_ptr<ReaderPool> DatabaseImpl::_readers_for(std::string_view sql) const {
-  auto readers = _readers.load();
+ReaderPool* DatabaseImpl::_readers_for(std::string_view sql) const {
+  ReaderPool* readers = _readers.peek();
   if (!readers) return nullptr;
   if (_tx_owner.load() == std::this_thread::get_id()) return nullptr;
   return _is_read_statement(sql) ? readers : nullptr;
 }
 
 template <class Fetch>
-auto DatabaseImpl::_query(std::string_view sql, const Params& params, Fetch&& fetch)
+auto DatabaseImpl::_query(std::string_view sql, ParamsRef params, Fetch&& fetch)
     -> std::invoke_result_t<Fetch&, Cursor&> {
   if (auto readers = _readers_for(sql)) {
     try {
@@ -258,11 +259,11 @@ auto DatabaseImpl::_query(std::string_view sql, const Params& params, Fetch&& fe
   return _run_query(*connection(), sql, params, fetch);
 }
 
-std::optional<Row> DatabaseImpl::fetchone(std::string_view sql, const Params& params) {
+std::optional<Row> DatabaseImpl::fetchone(std::string_view sql, ParamsRef params) {
   return _query(sql, params, [](Cursor& c) { return c.fetchone(); });
 }
 
-std::vector<Row> DatabaseImpl::fetchall(std::string_view sql, const Params& params) {
+std::vector<Row> DatabaseImpl::fetchall(std::string_view sql, ParamsRef params) {
   return _query(sql, params, [](Cursor& c) { return c.fetchall(); });
 }
 
@@ -328,12 +329,12 @@ void Database::close() { impl_->close(); }
 bool Database::closed() const noexcept { return impl_->closed(); }
 std::shared_ptr<Connection> Database::connection() const { return impl_->connection(); }
 void Database::run_transaction(const std::function<void(Cursor&)>& body) { impl_->_transaction(body); }
-Cursor Database::execute(std::string_view sql, const Params& params) { return impl_->execute(sql, params); }
+Cursor Database::execute(std::string_view sql, ParamsRef params) { return impl_->execute(sql, params); }
 Cursor Database::executemany(std::string_view sql, const std::vector<Params>& params_list) {
   return impl_->executemany(sql, params_list);
 }
-std::optional<Row> Database::fetchone(std::string_view sql, const Params& params) { return impl_->fetchone(sql, params); }
-std::vector<Row> Database::fetchall(std::string_view sql, const Params& params) { return impl_->fetchall(sql, params); }
+std::optional<Row> Database::fetchone(std::string_view sql, ParamsRef params) { return impl_->fetchone(sql, params); }
+std::vector<Row> Database::fetchall(std::string_view sql, ParamsRef params) { return impl_->fetchall(sql, params); }
 void Database::create_schema() { impl_->create_schema(); }
 void Database::migrate_schema() { impl_->migrate_schema(); }
 std::int64_t Database::index_generation() { return impl_->index_generation(); }

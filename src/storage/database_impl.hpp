@@ -58,7 +58,7 @@ bool _reader_cannot_serve(const OperationalError& error);
 // Runs `sql` with `params` on a new cursor of `connection`, applies `fetch`
 // and closes the cursor on every path. Takes no lock.
 template <class Fetch>
-auto _run_query(Connection& connection, std::string_view sql, const Params& params, Fetch&& fetch)
+auto _run_query(Connection& connection, std::string_view sql, ParamsRef params, Fetch&& fetch)
     -> std::invoke_result_t<Fetch&, Cursor&> {
   Cursor cursor = connection.cursor();
   cursor.execute(sql, params);
@@ -92,24 +92,40 @@ bool _on_event_loop();
 // what it loaded alive while another thread replaces it. (libstdc++'s
 // atomic<shared_ptr> would do the same, but its lock bit is invisible to
 // ThreadSanitizer, which then reports every replacement as a race.)
-template <class T>
+template <class T, bool kKeepAll = false>
 class SharedSlot {
  public:
   std::shared_ptr<T> load() const {
     std::lock_guard lock(mu_);
     return ptr_;
   }
-  // The old value is handed back, so that it is released outside the mutex:
-  // its destructor may close a connection.
+  // The old value is handed back, to be released outside the mutex (its
+  // destructor may close a connection) or, when the slot keeps every value
+  // (see peek), for the caller to close.
   std::shared_ptr<T> exchange(std::shared_ptr<T> ptr) {
     std::lock_guard lock(mu_);
+    if constexpr (kKeepAll) {
+      if (ptr) kept_.push_back(ptr);
+      raw_.store(ptr.get(), std::memory_order_release);
+    }
     return std::exchange(ptr_, std::move(ptr));
   }
   void store(std::shared_ptr<T> ptr) { exchange(std::move(ptr)); }
+  // The value without a reference count or the mutex, for the hot path of
+  // every query. Valid for the slot's lifetime: a slot that keeps all keeps
+  // every value ever stored (one per connect, closed once replaced), so a
+  // pointer read just before a replacement still points at a live object.
+  T* peek() const noexcept
+    requires kKeepAll
+  {
+    return raw_.load(std::memory_order_acquire);
+  }
 
  private:
   mutable std::mutex mu_;
   std::shared_ptr<T> ptr_;
+  std::atomic<T*> raw_{nullptr};
+  std::vector<std::shared_ptr<T>> kept_;
 };
 
 // ------------------------------------------------------------------ DatabaseImpl
@@ -130,10 +146,10 @@ class DatabaseImpl {
   void close();
   bool closed() const noexcept { return _closed.load(); }
   std::shared_ptr<Connection> connection() const;
-  Cursor execute(std::string_view sql, const Params& params = {});
+  Cursor execute(std::string_view sql, ParamsRef params = {});
   Cursor executemany(std::string_view sql, const std::vector<Params>& params_list);
-  std::optional<Row> fetchone(std::string_view sql, const Params& params = {});
-  std::vector<Row> fetchall(std::string_view sql, const Params& params = {});
+  std::optional<Row> fetchone(std::string_view sql, ParamsRef params = {});
+  std::vector<Row> fetchall(std::string_view sql, ParamsRef params = {});
   void create_schema();
   void migrate_schema();
   std::int64_t index_generation();
@@ -155,9 +171,9 @@ class DatabaseImpl {
   void _transaction(const std::function<void(Cursor&)>& body);
   std::shared_ptr<ReaderPool> _open_readers(const std::string& journal_mode);
   template <class Fetch>
-  auto _query(std::string_view sql, const Params& params, Fetch&& fetch) -> std::invoke_result_t<Fetch&, Cursor&>;
+  auto _query(std::string_view sql, ParamsRef params, Fetch&& fetch) -> std::invoke_result_t<Fetch&, Cursor&>;
   std::int64_t _count(std::string_view sql);
-  std::shared_ptr<ReaderPool> _readers_for(std::string_view sql) const;
+  ReaderPool* _readers_for(std::string_view sql) const;
   void _rewrite_pages();
   void _bump_index_generation(Cursor* cursor = nullptr);
   // The swap's copy, inside its transaction with `stg` attached.
@@ -187,7 +203,7 @@ class DatabaseImpl {
   mutable std::recursive_mutex _lock;
   int _tx_depth = 0;  // guarded by _lock
   std::atomic<bool> _closed{false};
-  SharedSlot<ReaderPool> _readers;
+  SharedSlot<ReaderPool, true> _readers;
   std::atomic<std::thread::id> _tx_owner{};  // default id: no owner
   std::set<std::string> _compaction_noted;   // guarded by _compaction_noted_mu
   std::mutex _compaction_noted_mu;

@@ -124,7 +124,7 @@ bool is_dml(std::string_view sql) {
   return false;
 }
 
-void bind_all(sqlite3_stmt* stmt, const Params& params) {
+void bind_all(sqlite3_stmt* stmt, ParamsRef params) {
   const int expected = sqlite3_bind_parameter_count(stmt);
   if (static_cast<int>(params.size()) != expected) {
     raise_error(SQLITE_RANGE, "Incorrect number of bindings supplied. The current statement uses " +
@@ -393,6 +393,12 @@ detail::StatementLease Connection::acquire(std::string_view sql) {
     const auto lk = cache_lock();
     db = db_.get();
     if (!db) throw Error("Cannot operate on a closed database.", SQLITE_MISUSE);
+    // Most often the statement just given back is asked for again: it is at
+    // the front, and comparing its text is cheaper than hashing it.
+    if (!lru_.empty() && !lru_.front()->in_use && lru_.front()->sql == sql) {
+      lru_.front()->in_use = true;
+      return detail::StatementLease(lru_.front().get(), nullptr);
+    }
     if (auto it = index_.find(sql); it != index_.end()) {
       detail::Statement* s = it->second;
       if (!s->in_use) {
@@ -492,7 +498,7 @@ Cursor Connection::cursor() {
   return Cursor(shared_from_this());
 }
 
-Cursor Connection::execute(std::string_view sql, const Params& params) {
+Cursor Connection::execute(std::string_view sql, ParamsRef params) {
   Cursor c = cursor();
   c.execute(sql, params);
   return c;
@@ -553,6 +559,10 @@ bool Cursor::step_row(bool first) {
 
 Row Cursor::current_row() {
   sqlite3_stmt* st = stmt_->stmt.get();
+  // One hold of the connection's mutex for the whole row (a no-op on a read
+  // connection), instead of one per column call: the values read below are
+  // SQLite's unprotected ones, safe while it is held.
+  DbMutex guard(sqlite3_db_handle(st));
   const int n = sqlite3_column_count(st);
   if (static_cast<std::size_t>(n) != stmt_->names->size()) {
     // The statement was recompiled after a schema change and its shape moved.
@@ -566,21 +576,22 @@ Row Cursor::current_row() {
   std::vector<Value> values;
   values.reserve(static_cast<std::size_t>(n));
   for (int i = 0; i < n; ++i) {
-    switch (sqlite3_column_type(st, i)) {
+    sqlite3_value* v = sqlite3_column_value(st, i);
+    switch (sqlite3_value_type(v)) {
       case SQLITE_INTEGER:
-        values.emplace_back(static_cast<std::int64_t>(sqlite3_column_int64(st, i)));
+        values.emplace_back(static_cast<std::int64_t>(sqlite3_value_int64(v)));
         break;
       case SQLITE_FLOAT:
-        values.emplace_back(sqlite3_column_double(st, i));
+        values.emplace_back(sqlite3_value_double(v));
         break;
       case SQLITE_TEXT: {
-        const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(st, i));
-        values.emplace_back(std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(st, i))));
+        const auto* p = reinterpret_cast<const char*>(sqlite3_value_text(v));
+        values.emplace_back(p ? std::string(p, static_cast<std::size_t>(sqlite3_value_bytes(v))) : std::string());
         break;
       }
       case SQLITE_BLOB: {
-        const auto* p = static_cast<const std::uint8_t*>(sqlite3_column_blob(st, i));
-        values.emplace_back(Bytes(p, p + sqlite3_column_bytes(st, i)));
+        const auto* p = static_cast<const std::uint8_t*>(sqlite3_value_blob(v));
+        values.emplace_back(Bytes(p, p + sqlite3_value_bytes(v)));
         break;
       }
       default:
@@ -601,7 +612,7 @@ void Cursor::start(std::string_view sql) {
   stmt_ = conn_->acquire(sql);
 }
 
-Cursor& Cursor::execute(std::string_view sql, const Params& params) {
+Cursor& Cursor::execute(std::string_view sql, ParamsRef params) {
   start(sql);
   if (!stmt_->stmt) return *this;  // empty statement: no rows
   bind_all(stmt_->stmt.get(), params);

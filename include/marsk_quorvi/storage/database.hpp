@@ -140,11 +140,11 @@ class Database {
   }
   // One statement (once per parameter set) on the writer connection; the
   // cursor holds its rows, and `rowcount` the rows changed.
-  Cursor execute(std::string_view sql, const Params& params = {});
+  Cursor execute(std::string_view sql, ParamsRef params = {});
   Cursor executemany(std::string_view sql, const std::vector<Params>& params_list);
   // Queries: on a read connection when possible, on the writer otherwise.
-  std::optional<Row> fetchone(std::string_view sql, const Params& params = {});
-  std::vector<Row> fetchall(std::string_view sql, const Params& params = {});
+  std::optional<Row> fetchone(std::string_view sql, ParamsRef params = {});
+  std::vector<Row> fetchall(std::string_view sql, ParamsRef params = {});
 
   void create_schema();  // the missing tables; existing ones are left alone
   // Migrates a file of an older build (SchemaMigrationError names the failed

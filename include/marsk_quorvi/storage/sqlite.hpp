@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <initializer_list>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -71,6 +72,30 @@ class Value {
 };
 
 using Params = std::vector<Value>;
+
+// The parameters of one call, borrowed for its duration: a Params vector, or
+// a braced list (`{id, path}`), which then costs no allocation.
+class ParamsRef {
+ public:
+  ParamsRef() noexcept = default;
+  ParamsRef(const Params& params) noexcept : data_(params.data()), size_(params.size()) {}
+  // The list's array lives to the end of the caller's full expression, which
+  // is as long as a parameter is used.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winit-list-lifetime"
+#endif
+  ParamsRef(std::initializer_list<Value> params) noexcept : data_(params.begin()), size_(params.size()) {}
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+  std::size_t size() const noexcept { return size_; }
+  const Value& operator[](std::size_t i) const noexcept { return data_[i]; }
+
+ private:
+  const Value* data_ = nullptr;
+  std::size_t size_ = 0;
+};
 
 // One result row. It owns its values, so it outlives the cursor that made it.
 class Row {
@@ -151,7 +176,7 @@ class Cursor {
 
   // Prepares (or takes from the connection's cache) `sql`, binds `params` to
   // its `?` placeholders in order and runs it. Raises Error/OperationalError.
-  Cursor& execute(std::string_view sql, const Params& params = {});
+  Cursor& execute(std::string_view sql, ParamsRef params = {});
   // Runs `sql` once per parameter set, in order; `rowcount` is the total.
   Cursor& executemany(std::string_view sql, const std::vector<Params>& params_list);
   // The next row, or none when the result is exhausted.
@@ -210,7 +235,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   Connection& operator=(const Connection&) = delete;
 
   [[nodiscard]] Cursor cursor();
-  Cursor execute(std::string_view sql, const Params& params = {});
+  Cursor execute(std::string_view sql, ParamsRef params = {});
   Cursor executemany(std::string_view sql, const std::vector<Params>& params_list);
   // Runs several `;`-separated statements (DDL scripts) without parameters.
   void executescript(const std::string& sql);
