@@ -450,8 +450,7 @@ TEST_F(QuorviDb, WritesOnlyWhereAskedAndReadsWhatItMayOnlyRead) {
   run({{"stats", "--db", db}, 8, "", HasSubstr(" (permission denied on the index file or its folder)\n"), {}, true}, dir_);
 
   // A root that cannot be listed fails the run before the swap.
-  fs::permissions(shared, fs::perms::all);
-  fs::permissions(db, fs::perms::all);
+  for (const auto& p : {shared, db}) fs::permissions(p, fs::perms::all);
   fs::permissions(repo, fs::perms::none);
   run({{"index", repo, "--db", db}, 8, "", "quorvi-db: index: [Errno 13] Permission denied: '" +
                                                fs::canonical(repo).string() + "'\n", {}, true}, dir_);
@@ -474,7 +473,6 @@ TEST_F(QuorviDb, OneIndexRunAtATimeReadersNeverWaitAndTerminalsSeeNoEscapes) {
     c.execute("DELETE FROM index_errors");
     reads_answer(db, dir_, false);
   });
-  writer.close();
 
   // A run held up in ctags keeps the lock; a signal ends it and its staging file.
   write(bin / "ctags", "#!/bin/sh\ncase \"$*\" in *--version*) echo 'Universal Ctags 5.9.0, +json'; exit 0;; esac\n"
