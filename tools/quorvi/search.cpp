@@ -169,6 +169,10 @@ class QueryWriter {
 constexpr const char* DECLARATION_KINDS =
     "('prototype', 'externvar', 'member', 'field', 'parameter', 'local', 'label', 'macroparam', 'using', "
     "'header', 'module', 'unknown')";
+// Kinds that define a type: one definition where a function of the same
+// name is often one of its members or one of an overload set.
+constexpr const char* TYPE_KINDS =
+    "('class', 'struct', 'union', 'enum', 'typedef', 'alias', 'interface', 'trait', 'type', 'namespace')";
 // The per-file anchor rows are bookkeeping, not symbols.
 constexpr const char* NOT_ANCHOR = "NOT (s.kind = 'module' AND s.parent_id IS NULL)";
 
@@ -179,25 +183,33 @@ std::string json_array(const std::vector<std::string>& names) {
   return out + "]";
 }
 
-// defs: the chunks that hold a symbol the query names, found from the name
-// index, with 2 for a definition and 1 for a declaration. top: the best
-// matches, ranked once; only they get a highlight, in the outer select.
+// syms: the symbols the query names, from the name index, 2 for a
+// definition and 1 for a declaration. defs: the chunks that hold one; each
+// file's chunks are read once, as one rowid range. top: the matches ranked
+// by bm25() sorted in SQLite (cheaper than FTS5's own ORDER BY rank), and
+// without their line columns, which cost a read of the chunk's row. The
+// outer select walks the matches again and reads lines and makes a
+// highlight only for those in top: a lookup per chosen rowid would expand a
+// prefix query once per row, which takes seconds for `a*`.
 const std::string& search_sql() {
   static const std::string sql = [] {
     const std::string bits = std::to_string(storage::core_schema::CHUNK_ROWID_BITS);
-    return "WITH defs(rid, strength) AS MATERIALIZED ("
-           "SELECT c.rowid, max(2 - (s.kind IN " + std::string(DECLARATION_KINDS) + ")) "
-           "FROM symbols AS s JOIN code_chunks AS c "
-           "ON c.rowid BETWEEN s.file_id << " + bits + " AND ((s.file_id + 1) << " + bits + ") - 1 "
-           "WHERE s.name IN (SELECT value FROM json_each(?1)) AND " + NOT_ANCHOR +
-           " AND s.start_line BETWEEN c.start_line AND c.end_line GROUP BY c.rowid), "
-           "top(rid, start_line, end_line, strength, rank) AS MATERIALIZED ("
-           "SELECT m.rowid, m.start_line, m.end_line, coalesce(d.strength, 0), m.rank "
+    return "WITH syms(file_id, line, strength) AS MATERIALIZED ("
+           "SELECT file_id, start_line, 2 - (kind IN " + std::string(DECLARATION_KINDS) + ") FROM symbols AS s "
+           "WHERE name IN (SELECT value FROM json_each(?1)) AND " + NOT_ANCHOR + "), "
+           "defs(rid, strength) AS MATERIALIZED ("
+           "SELECT c.rowid, max(y.strength) FROM (SELECT DISTINCT file_id FROM syms) AS sf "
+           "CROSS JOIN code_chunks AS c ON c.rowid BETWEEN sf.file_id << " + bits +
+           " AND ((sf.file_id + 1) << " + bits + ") - 1 "
+           "CROSS JOIN syms AS y ON y.file_id = sf.file_id AND y.line BETWEEN c.start_line AND c.end_line "
+           "GROUP BY c.rowid), "
+           "top(rid, strength, rank) AS MATERIALIZED ("
+           "SELECT m.rowid, coalesce(d.strength, 0), bm25(code_chunks) "
            "FROM code_chunks AS m LEFT JOIN defs AS d ON d.rid = m.rowid WHERE code_chunks MATCH ?2 "
-           "ORDER BY 4 DESC, m.rank LIMIT ?3) "
-           "SELECT f.path, t.start_line, t.end_line, highlight(code_chunks, 0, char(1), char(2)), t.strength, t.rank "
-           "FROM top AS t JOIN code_chunks ON code_chunks.rowid = t.rid JOIN files AS f ON f.id = t.rid >> " + bits +
-           " WHERE code_chunks MATCH ?2 ORDER BY t.strength DESC, t.rank";
+           "ORDER BY 2 DESC, 3 LIMIT ?3) "
+           "SELECT f.path, code_chunks.start_line, code_chunks.end_line, highlight(code_chunks, 0, char(1), char(2)), "
+           "t.strength, t.rank FROM code_chunks CROSS JOIN top AS t ON t.rid = code_chunks.rowid "
+           "JOIN files AS f ON f.id = t.rid >> " + bits + " WHERE code_chunks MATCH ?2 ORDER BY t.strength DESC, t.rank";
   }();
   return sql;
 }
@@ -205,21 +217,27 @@ const std::string& search_sql() {
 // Tier 0: the exact name; 1: the qualified name (?2 its last part); 2: the
 // names in [?4, ?5), whose qualified name ends in ?6 followed by the name
 // when ?6 is not empty. Every branch starts from idx_symbols_name or
-// idx_symbols_fqn.
+// idx_symbols_fqn. Within a tier: definitions first, types first, then the
+// fewer enclosing scopes (q is the name as qualified inside its file), so
+// that std::vector comes before a nested namespace's vector and a free
+// function before a method, then the shorter path.
 const std::string& definitions_sql() {
   static const std::string sql =
       "WITH m(id, tier) AS ("
       "SELECT id, 0 FROM symbols WHERE name = ?1 "
-      "UNION ALL SELECT id, 1 FROM symbols WHERE name = ?2 AND substr(fqn, -length(?1)) = ?1 "
+      "UNION ALL SELECT id, 1 FROM symbols WHERE ?1 <> ?2 AND name = ?2 AND substr(fqn, -length(?1)) = ?1 "
       "AND substr(fqn, -length(?1) - 1, 1) IN (':', '.') "
       "UNION ALL SELECT id, 1 FROM symbols WHERE fqn = ?1 "
       "UNION ALL SELECT id, 2 FROM symbols WHERE name >= ?4 AND name < ?5 AND (?6 = '' OR "
       "(substr(fqn, -length(name) - length(?6)) = ?6 || name AND "
       "substr(fqn, -length(name) - length(?6) - 1, 1) IN (':', '.')))) "
       "SELECT s.kind, f.path, s.start_line, s.fqn, s.signature, s.name, min(m.tier) AS tier, "
-      "s.kind IN " + std::string(DECLARATION_KINDS) + " AS declares "
+      "s.kind IN " + std::string(DECLARATION_KINDS) + " AS declares, "
+      "substr(s.fqn, length(f.path) + 3) AS q "
       "FROM m JOIN symbols AS s ON s.id = m.id JOIN files AS f ON f.id = s.file_id WHERE " + NOT_ANCHOR +
-      " GROUP BY s.id ORDER BY tier, declares, length(f.path), f.path, s.name, s.start_line LIMIT ?3";
+      " GROUP BY s.id ORDER BY tier, declares, s.kind NOT IN " + std::string(TYPE_KINDS) + ", "
+      "length(q) - length(replace(replace(q, '::', ':'), '.', '')), "
+      "length(f.path), f.path, s.name, s.start_line LIMIT ?3";
   return sql;
 }
 

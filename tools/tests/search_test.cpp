@@ -33,7 +33,8 @@ const FileSpec CORPUS[] = {
      {{"add_numbers", "add_numbers", "prototype", 2}}},
     {"src/main.cpp", {{1, "int main() {\n  add_numbers(1, 2);\n  add_numbers(3, 4);\n  return add_numbers(5, 6);\n}\n"}},
      {{"main", "main", "function", 1}}},
-    {"src/log.cpp", {{1, "spdlog::info(\"start\");\np->next = nullptr;\n"}, {3, "// info about spdlog\n// next p\n"}}, {}},
+    {"src/log.cpp", {{1, "spdlog::info(\"start\");\np->next = nullptr;\n"}, {3, "// info about spdlog\n// next p\n"}},
+     {{"vector", "vector", "function", 1}}},
     // Its anchor row is named "vector": bookkeeping, not a definition.
     {"lib/vector", {{1, "// vector things\n"}}, {}},
     {"src/vec.hpp", {{1, "// a vector of ints\n\n"}, {3, "namespace std {\nclass vector {\n};\n}\n"}},
@@ -156,10 +157,11 @@ TEST_F(Search, QueriesFts5RejectsRaiseItsMessage) {
 
 TEST_F(Search, DefinitionsByNameThenQualifiedNameThenPrefix) {
   const std::pair<const char*, Strings> cases[] = {
+      // Definitions, the fewer scopes first; then declarations.
       {"open",
-       {"function  src/db.cpp:10  Database::open(const char *path)", "function  third/party/io/open.c:2  open",
-        "member  py/m.py:4  File.open", "prototype  include/db.hpp:5  Database::open",
-        "prototype  include/fcntl.h:7  open"}},
+       {"function  third/party/io/open.c:2  open", "function  src/db.cpp:10  Database::open(const char *path)",
+        "prototype  include/fcntl.h:7  open", "member  py/m.py:4  File.open",
+        "prototype  include/db.hpp:5  Database::open"}},
       {"Database::open",
        {"function  src/db.cpp:10  Database::open(const char *path)", "prototype  include/db.hpp:5  Database::open"}},
       {"File.open", {"member  py/m.py:4  File.open"}},
@@ -169,7 +171,7 @@ TEST_F(Search, DefinitionsByNameThenQualifiedNameThenPrefix) {
       {"Database::op*",
        {"function  src/db.cpp:10  Database::open(const char *path)", "prototype  include/db.hpp:5  Database::open"}},
       {"Data*", {"class  include/db.hpp:3  Database"}},
-      {"vector", {"class  src/vec.hpp:4  std::vector"}},
+      {"vector", {"class  src/vec.hpp:4  std::vector", "function  src/log.cpp:1  vector"}},
       {"bin", {}},
   };
   for (const auto& [name, expected] : cases) {
