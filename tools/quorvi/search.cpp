@@ -17,6 +17,8 @@ using storage::Database;
 bool bareword_char(unsigned char c) {
   return c >= 0x80 || c == 0x1a || c == '_' || (c >= '0' && c <= '9') || ((c | 0x20) >= 'a' && (c | 0x20) <= 'z');
 }
+// Those of them that make up a symbol's name.
+bool name_char(unsigned char c) { return c != 0x1a && bareword_char(c); }
 bool blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
 
 // The identifier a token names: the last one before an argument or template
@@ -26,9 +28,9 @@ std::string named_identifier(std::string_view token) {
   if (std::any_of(token.begin(), token.end(), blank)) return {};
   token = token.substr(0, token.find_first_of("(<[{"));
   auto end = token.size();
-  while (end > 0 && !bareword_char(token[end - 1])) --end;
+  while (end > 0 && !name_char(token[end - 1])) --end;
   auto begin = end;
-  while (begin > 0 && bareword_char(token[begin - 1])) --begin;
+  while (begin > 0 && name_char(token[begin - 1])) --begin;
   if (begin == end || (token[begin] >= '0' && token[begin] <= '9')) return {};
   return std::string(token.substr(begin, end - begin));
 }
@@ -164,15 +166,16 @@ class QueryWriter {
   bool after_comma_ = false;
 };
 
-// Kinds that declare rather than define: a definition of the same name is
-// the better answer.
-constexpr const char* DECLARATION_KINDS =
-    "('prototype', 'externvar', 'member', 'field', 'parameter', 'local', 'label', 'macroparam', 'using', "
-    "'header', 'module', 'unknown')";
-// Kinds that define a type: one definition where a function of the same
-// name is often one of its members or one of an overload set.
-constexpr const char* TYPE_KINDS =
-    "('class', 'struct', 'union', 'enum', 'typedef', 'alias', 'interface', 'trait', 'type', 'namespace')";
+// How well a symbol of each kind answers "where is NAME defined", best
+// highest: a type (one definition, where a function of the same name is
+// often one of its members or one of an overload set), any other
+// definition, a declaration (a prototype, an extern variable, a member),
+// and last a macro, which for a name that is also declared is mostly a
+// rename (`#define fopen fopen64`) or a checking wrapper.
+constexpr const char* KIND_RANK =
+    "CASE WHEN s.kind IN ('class', 'struct', 'union', 'enum', 'typedef', 'alias', 'interface', 'trait', 'type', "
+    "'namespace') THEN 4 WHEN s.kind = 'macro' THEN 1 WHEN s.kind IN ('prototype', 'externvar', 'member', 'field', "
+    "'parameter', 'local', 'label', 'macroparam', 'using', 'header', 'module', 'unknown') THEN 2 ELSE 3 END";
 // The per-file anchor rows are bookkeeping, not symbols.
 constexpr const char* NOT_ANCHOR = "NOT (s.kind = 'module' AND s.parent_id IS NULL)";
 
@@ -183,8 +186,8 @@ std::string json_array(const std::vector<std::string>& names) {
   return out + "]";
 }
 
-// syms: the symbols the query names, from the name index, 2 for a
-// definition and 1 for a declaration. defs: the chunks that hold one; each
+// syms: the symbols the query names, from the name index, with their
+// KIND_RANK. defs: the chunks that hold one; each
 // file's chunks are read once, as one rowid range. top: the matches ranked
 // by bm25() sorted in SQLite (cheaper than FTS5's own ORDER BY rank), and
 // without their line columns, which cost a read of the chunk's row. The
@@ -195,7 +198,7 @@ const std::string& search_sql() {
   static const std::string sql = [] {
     const std::string bits = std::to_string(storage::core_schema::CHUNK_ROWID_BITS);
     return "WITH syms(file_id, line, strength) AS MATERIALIZED ("
-           "SELECT file_id, start_line, 2 - (kind IN " + std::string(DECLARATION_KINDS) + ") FROM symbols AS s "
+           "SELECT file_id, start_line, " + std::string(KIND_RANK) + " FROM symbols AS s "
            "WHERE name IN (SELECT value FROM json_each(?1)) AND " + NOT_ANCHOR + "), "
            "defs(rid, strength) AS MATERIALIZED ("
            "SELECT c.rowid, max(y.strength) FROM (SELECT DISTINCT file_id FROM syms) AS sf "
@@ -217,8 +220,8 @@ const std::string& search_sql() {
 // Tier 0: the exact name; 1: the qualified name (?2 its last part); 2: the
 // names in [?4, ?5), whose qualified name ends in ?6 followed by the name
 // when ?6 is not empty. Every branch starts from idx_symbols_name or
-// idx_symbols_fqn. Within a tier: definitions first, types first, then the
-// fewer enclosing scopes (q is the name as qualified inside its file), so
+// idx_symbols_fqn. Within a tier: by KIND_RANK, then the fewer enclosing
+// scopes (q is the name as qualified inside its file), so
 // that std::vector comes before a nested namespace's vector and a free
 // function before a method, then the shorter path.
 const std::string& definitions_sql() {
@@ -232,10 +235,10 @@ const std::string& definitions_sql() {
       "(substr(fqn, -length(name) - length(?6)) = ?6 || name AND "
       "substr(fqn, -length(name) - length(?6) - 1, 1) IN (':', '.')))) "
       "SELECT s.kind, f.path, s.start_line, s.fqn, s.signature, s.name, min(m.tier) AS tier, "
-      "s.kind IN " + std::string(DECLARATION_KINDS) + " AS declares, "
+      + std::string(KIND_RANK) + " AS kind_rank, "
       "substr(s.fqn, length(f.path) + 3) AS q "
       "FROM m JOIN symbols AS s ON s.id = m.id JOIN files AS f ON f.id = s.file_id WHERE " + NOT_ANCHOR +
-      " GROUP BY s.id ORDER BY tier, declares, s.kind NOT IN " + std::string(TYPE_KINDS) + ", "
+      " GROUP BY s.id ORDER BY tier, kind_rank DESC, "
       "length(q) - length(replace(replace(q, '::', ':'), '.', '')), "
       "length(f.path), f.path, s.name, s.start_line LIMIT ?3";
   return sql;

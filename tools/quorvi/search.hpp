@@ -36,14 +36,14 @@ struct Hit {
   std::string path;
   std::int64_t start_line = 0, end_line = 0;  // the lines from the first match to the last
   std::string snippet;                        // the first matching line, trimmed, at most 120 bytes
-  bool defines = false;  // the chunk holds the definition or declaration of a name the query names
+  bool defines = false;  // the chunk holds a definition, declaration or macro of a name the query names
   double rank = 0;       // bm25, lower is better
 };
 
-// The best `limit` chunks that match `typed`: those holding a definition of a
-// name the query names first (definitions before declarations), then by
-// bm25. One statement: the highlights are made for the chosen rows only.
-// Raises QueryError for a query FTS5 rejects.
+// The best `limit` chunks that match `typed`: those holding a symbol the
+// query names first (a type, another definition, a declaration, a macro, in
+// that order), then by bm25. One statement: the highlights are made for the
+// chosen rows only. Raises QueryError for a query FTS5 rejects.
 std::vector<Hit> search(storage::Database& db, std::string_view typed, std::int64_t limit);
 
 // "path:start[-end]  snippet", one line without its newline.
@@ -59,9 +59,10 @@ struct Definition {
 
 // The definitions of `name`, best first: symbols of exactly that name, then
 // those whose qualified name is `name` or ends in `::name` / `.name`, then,
-// for `name*`, every name with that prefix. Within each group, definitions
-// before declarations (prototypes, extern variables, members), then shorter
-// paths. Raises std::invalid_argument for an empty name.
+// for `name*`, every name with that prefix. Within each group: types, other
+// definitions, declarations (prototypes, extern variables, members), macros;
+// then the fewer enclosing scopes; then the shorter path. Raises
+// std::invalid_argument for an empty name.
 std::vector<Definition> find_definitions(storage::Database& db, std::string_view name, std::int64_t limit);
 
 // "kind  path:line  scope  signature", the empty parts left out.

@@ -41,7 +41,7 @@ const FileSpec CORPUS[] = {
      {{"std", "std", "namespace", 3}, {"vector", "std::vector", "class", 4}}},
     {"src/db.cpp", {}, {{"open", "Database::open", "function", 10, "(const char *path)"}, {"open_file", "open_file", "function", 20}}},
     {"include/db.hpp", {}, {{"Database", "Database", "class", 3}, {"open", "Database::open", "prototype", 5}}},
-    {"include/fcntl.h", {}, {{"open", "open", "prototype", 7}}},
+    {"include/fcntl.h", {}, {{"open", "open", "prototype", 7}, {"open", "open", "macro", 3}}},
     {"third/party/io/open.c", {}, {{"open", "open", "function", 2}, {"opener", "opener", "variable", 9}}},
     {"py/m.py", {}, {{"open", "File.open", "member", 4}}},
     {"bin/open", {}, {}},
@@ -157,11 +157,11 @@ TEST_F(Search, QueriesFts5RejectsRaiseItsMessage) {
 
 TEST_F(Search, DefinitionsByNameThenQualifiedNameThenPrefix) {
   const std::pair<const char*, Strings> cases[] = {
-      // Definitions, the fewer scopes first; then declarations.
+      // Definitions, the fewer scopes first; then declarations; macros last.
       {"open",
        {"function  third/party/io/open.c:2  open", "function  src/db.cpp:10  Database::open(const char *path)",
         "prototype  include/fcntl.h:7  open", "member  py/m.py:4  File.open",
-        "prototype  include/db.hpp:5  Database::open"}},
+        "prototype  include/db.hpp:5  Database::open", "macro  include/fcntl.h:3  open"}},
       {"Database::open",
        {"function  src/db.cpp:10  Database::open(const char *path)", "prototype  include/db.hpp:5  Database::open"}},
       {"File.open", {"member  py/m.py:4  File.open"}},
@@ -181,8 +181,8 @@ TEST_F(Search, DefinitionsByNameThenQualifiedNameThenPrefix) {
   }
   // The prefix group follows the exact names, which it does not repeat.
   const auto all = find_definitions(*db_, "open*", 20);
-  ASSERT_EQ(all.size(), 7u);
-  EXPECT_EQ(all[5].name + " " + all[6].name, "open_file opener");
+  ASSERT_EQ(all.size(), 8u);
+  EXPECT_EQ(all[6].name + " " + all[7].name, "open_file opener");
   EXPECT_EQ(find_definitions(*db_, "open*", 2).size(), 2u);
   EXPECT_THROW(find_definitions(*db_, "*", 20), std::invalid_argument);
 }
