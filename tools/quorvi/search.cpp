@@ -209,10 +209,10 @@ const std::string& search_sql() {
            "top(rid, strength, rank) AS MATERIALIZED ("
            "SELECT m.rowid, coalesce(d.strength, 0), bm25(code_chunks) "
            "FROM code_chunks AS m LEFT JOIN defs AS d ON d.rid = m.rowid WHERE code_chunks MATCH ?2 "
-           "ORDER BY 2 DESC, 3 LIMIT ?3) "
+           "ORDER BY 2 DESC, 3, 1 LIMIT ?3) "
            "SELECT f.path, code_chunks.start_line, code_chunks.end_line, highlight(code_chunks, 0, char(1), char(2)), "
            "t.strength, t.rank FROM code_chunks CROSS JOIN top AS t ON t.rid = code_chunks.rowid "
-           "JOIN files AS f ON f.id = t.rid >> " + bits + " WHERE code_chunks MATCH ?2 ORDER BY t.strength DESC, t.rank";
+           "JOIN files AS f ON f.id = t.rid >> " + bits + " WHERE code_chunks MATCH ?2 ORDER BY t.strength DESC, t.rank, t.rid";
   }();
   return sql;
 }
