@@ -187,8 +187,8 @@ std::string json_array(const std::vector<std::string>& names) {
 }
 
 // syms: the symbols the query names, from the name index, with their
-// KIND_RANK. defs: the chunks that hold one; each
-// file's chunks are read once, as one rowid range. top: the matches ranked
+// KIND_RANK. defs: the chunks that hold one; each file's chunks are read
+// once, as one rowid range. top: the matches ranked
 // by bm25() sorted in SQLite (cheaper than FTS5's own ORDER BY rank), and
 // without their line columns, which cost a read of the chunk's row. The
 // outer select walks the matches again and reads lines and makes a
