@@ -1,0 +1,390 @@
+#include "quorvi/search.hpp"
+
+#include <algorithm>
+#include <chrono>
+
+#include "marsk_quorvi/errors.hpp"
+#include "marsk_quorvi/storage/core_schema.hpp"
+
+namespace marsk_quorvi::cli {
+
+namespace {
+
+using storage::Database;
+
+// FTS5's bareword characters: ASCII letters and digits, '_', the substitute
+// character and every byte of a multi-byte UTF-8 sequence.
+bool bareword_char(unsigned char c) {
+  return c >= 0x80 || c == 0x1a || c == '_' || (c >= '0' && c <= '9') || ((c | 0x20) >= 'a' && (c | 0x20) <= 'z');
+}
+// Those of them that make up a symbol's name.
+bool name_char(unsigned char c) { return c != 0x1a && bareword_char(c); }
+bool blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }
+
+// The identifier a token names: the last one before an argument or template
+// list, so `foo(`, `a::b`, `x->y` and `std::map<int>` name foo, b, y and map.
+// None for several words or a leading digit.
+std::string named_identifier(std::string_view token) {
+  if (std::any_of(token.begin(), token.end(), blank)) return {};
+  token = token.substr(0, token.find_first_of("(<[{"));
+  auto end = token.size();
+  while (end > 0 && !name_char(token[end - 1])) --end;
+  auto begin = end;
+  while (begin > 0 && name_char(token[begin - 1])) --begin;
+  if (begin == end || (token[begin] >= '0' && token[begin] <= '9')) return {};
+  return std::string(token.substr(begin, end - begin));
+}
+
+std::string quoted(std::string_view s) {
+  std::string out = "\"";
+  for (char c : s) out += c == '"' ? std::string("\"\"") : std::string(1, c);
+  return out + '"';
+}
+
+// Writes the FTS5 query of what was typed, piece by piece (a piece ends at
+// a blank, a string at its closing quote). With `grouping`, a '(' that opens
+// a piece and a ')' that closes one are the query's own parentheses;
+// without, they are code like any other punctuation.
+class QueryWriter {
+ public:
+  QueryWriter(std::string_view typed, bool grouping) : typed_(typed), grouping_(grouping) {}
+
+  // False when a group is left open, which only a reading without grouping
+  // can make sense of (`(void)x`, `if (`).
+  bool run() {
+    while (true) {
+      while (i_ < typed_.size() && blank(typed_[i_])) ++i_;
+      if (i_ >= typed_.size()) break;
+      const auto rest = typed_.substr(i_);
+      if (grouping_ && (rest[0] == '(' || rest.starts_with("NEAR("))) {
+        const bool near = rest[0] == 'N';
+        emit(near ? "NEAR(" : "(");
+        open_.push_back(near);
+        i_ += near ? 5 : 1;
+      } else if (rest[0] == '"') {
+        string();
+      } else {
+        auto end = i_;
+        while (end < typed_.size() && !blank(typed_[end])) ++end;
+        piece(typed_.substr(i_, end - i_));
+        i_ = end;
+      }
+    }
+    return open_.empty();
+  }
+
+  FtsQuery query;
+
+ private:
+  void emit(std::string_view s) {
+    if (!query.text.empty()) query.text += ' ';
+    query.text += s;
+  }
+  void name(std::string n) {
+    if (!n.empty() && std::find(query.names.begin(), query.names.end(), n) == query.names.end()) {
+      query.names.push_back(std::move(n));
+    }
+  }
+
+  // A quoted string, `""` standing for a quote, with an optional prefix mark.
+  // An unterminated one goes to FTS5 as it is, which rejects it.
+  void string() {
+    auto close = i_ + 1;
+    while ((close = typed_.find('"', close)) != std::string_view::npos && close + 1 < typed_.size() &&
+           typed_[close + 1] == '"') {
+      close += 2;
+    }
+    ++query.terms;
+    after_comma_ = false;
+    if (close == std::string_view::npos) {
+      emit(typed_.substr(i_));
+      i_ = typed_.size();
+      return;
+    }
+    const bool prefix = close + 1 < typed_.size() && typed_[close + 1] == '*';
+    emit(typed_.substr(i_, close + 1 + prefix - i_));
+    if (!prefix) {
+      std::string inner(typed_.substr(i_ + 1, close - i_ - 1));
+      for (auto at = inner.find("\"\""); at != std::string::npos; at = inner.find("\"\"", at + 1)) inner.erase(at, 1);
+      name(named_identifier(inner));
+    }
+    i_ = close + 1 + prefix;
+  }
+
+  void piece(std::string_view p) {
+    if (p.empty()) return;
+    // Inside NEAR(...) a comma ends the phrases; the distance follows.
+    if (grouping_ && !open_.empty() && open_.back()) {
+      if (const auto comma = p.find(','); comma != std::string_view::npos) {
+        piece(p.substr(0, comma));
+        emit(",");
+        after_comma_ = true;
+        piece(p.substr(comma + 1));
+        return;
+      }
+    }
+    // Trailing ')' close open groups, except those the piece's own '('
+    // claim: `foo()` stays code.
+    std::size_t closers = 0;
+    if (grouping_) {
+      const auto opens = static_cast<std::size_t>(std::count(p.begin(), p.end(), '('));
+      const auto closes = static_cast<std::size_t>(std::count(p.begin(), p.end(), ')'));
+      while (closers < open_.size() && closes - closers > opens && p[p.size() - 1 - closers] == ')') ++closers;
+    }
+    if (closers < p.size()) term(p.substr(0, p.size() - closers));
+    for (std::size_t k = 0; k < closers; ++k) {
+      emit(")");
+      open_.pop_back();
+    }
+  }
+
+  void term(std::string_view t) {
+    if (t == "AND" || t == "OR" || t == "NOT") {
+      emit(t);
+      return;
+    }
+    const bool distance = std::exchange(after_comma_, false);
+    if (distance && std::all_of(t.begin(), t.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+      emit(t);
+      return;
+    }
+    ++query.terms;
+    const bool prefix = t.size() > 1 && t.back() == '*';
+    const auto stem = prefix ? t.substr(0, t.size() - 1) : t;
+    if (std::all_of(stem.begin(), stem.end(), bareword_char)) {
+      emit(t);
+    } else {
+      emit(quoted(stem) + (prefix ? "*" : ""));
+    }
+    if (!prefix) name(named_identifier(stem));
+  }
+
+  std::string_view typed_;
+  bool grouping_;
+  std::size_t i_ = 0;
+  std::vector<bool> open_;  // the groups open, true for NEAR(
+  bool after_comma_ = false;
+};
+
+// How well a symbol of each kind answers "where is NAME defined", best
+// highest: a type (one definition, where a function of the same name is
+// often one of its members or one of an overload set), any other
+// definition, a declaration (a prototype, an extern variable, a member),
+// and last a macro, which for a name that is also declared is mostly a
+// rename (`#define fopen fopen64`) or a checking wrapper.
+constexpr const char* KIND_RANK =
+    "CASE WHEN s.kind IN ('class', 'struct', 'union', 'enum', 'typedef', 'alias', 'interface', 'trait', 'type', "
+    "'namespace') THEN 4 WHEN s.kind = 'macro' THEN 1 WHEN s.kind IN ('prototype', 'externvar', 'member', 'field', "
+    "'parameter', 'local', 'label', 'macroparam', 'using', 'header', 'module', 'unknown') THEN 2 ELSE 3 END";
+// The per-file anchor rows are bookkeeping, not symbols.
+constexpr const char* NOT_ANCHOR = "NOT (s.kind = 'module' AND s.parent_id IS NULL)";
+
+std::string json_array(const std::vector<std::string>& names) {
+  // Names are identifiers (named_identifier), so nothing needs escaping.
+  std::string out = "[";
+  for (const auto& n : names) out += (out.size() > 1 ? ",\"" : "\"") + n + "\"";
+  return out + "]";
+}
+
+// syms: the symbols the query names, from the name index, with their
+// KIND_RANK. defs: the chunks that hold one; each file's chunks are read
+// once, as one rowid range. top: the matches ranked
+// by bm25() sorted in SQLite (cheaper than FTS5's own ORDER BY rank), and
+// without their line columns, which cost a read of the chunk's row. The
+// outer select walks the matches again and reads lines and makes a
+// highlight only for those in top: a lookup per chosen rowid would expand a
+// prefix query once per row, which takes seconds for `a*`.
+const std::string& search_sql() {
+  static const std::string sql = [] {
+    const std::string bits = std::to_string(storage::core_schema::CHUNK_ROWID_BITS);
+    return "WITH syms(file_id, line, strength) AS MATERIALIZED ("
+           "SELECT file_id, start_line, " + std::string(KIND_RANK) + " FROM symbols AS s "
+           "WHERE name IN (SELECT value FROM json_each(?1)) AND " + NOT_ANCHOR + "), "
+           "defs(rid, strength) AS MATERIALIZED ("
+           "SELECT c.rowid, max(y.strength) FROM (SELECT DISTINCT file_id FROM syms) AS sf "
+           "CROSS JOIN code_chunks AS c ON c.rowid BETWEEN sf.file_id << " + bits +
+           " AND ((sf.file_id + 1) << " + bits + ") - 1 "
+           "CROSS JOIN syms AS y ON y.file_id = sf.file_id AND y.line BETWEEN c.start_line AND c.end_line "
+           "GROUP BY c.rowid), "
+           "top(rid, strength, rank) AS MATERIALIZED ("
+           "SELECT m.rowid, coalesce(d.strength, 0), bm25(code_chunks) "
+           "FROM code_chunks AS m LEFT JOIN defs AS d ON d.rid = m.rowid WHERE code_chunks MATCH ?2 "
+           "ORDER BY 2 DESC, 3, 1 LIMIT ?3) "
+           "SELECT f.path, code_chunks.start_line, code_chunks.end_line, highlight(code_chunks, 0, char(1), char(2)), "
+           "t.strength, t.rank FROM code_chunks CROSS JOIN top AS t ON t.rid = code_chunks.rowid "
+           "JOIN files AS f ON f.id = t.rid >> " + bits + " WHERE code_chunks MATCH ?2 ORDER BY t.strength DESC, t.rank, t.rid";
+  }();
+  return sql;
+}
+
+// Tier 0: the exact name; 1: the qualified name (?2 its last part); 2: the
+// names in [?4, ?5), whose qualified name ends in ?6 followed by the name
+// when ?6 is not empty. Every branch starts from idx_symbols_name or
+// idx_symbols_fqn. Within a tier: by KIND_RANK, then the fewer enclosing
+// scopes (q is the name as qualified inside its file), so
+// that std::vector comes before a nested namespace's vector and a free
+// function before a method, then the shorter path.
+const std::string& definitions_sql() {
+  static const std::string sql =
+      "WITH m(id, tier) AS ("
+      "SELECT id, 0 FROM symbols WHERE name = ?1 "
+      "UNION ALL SELECT id, 1 FROM symbols WHERE ?1 <> ?2 AND name = ?2 AND substr(fqn, -length(?1)) = ?1 "
+      "AND substr(fqn, -length(?1) - 1, 1) IN (':', '.') "
+      "UNION ALL SELECT id, 1 FROM symbols WHERE fqn = ?1 "
+      "UNION ALL SELECT id, 2 FROM symbols WHERE name >= ?4 AND name < ?5 AND (?6 = '' OR "
+      "(substr(fqn, -length(name) - length(?6)) = ?6 || name AND "
+      "substr(fqn, -length(name) - length(?6) - 1, 1) IN (':', '.')))) "
+      "SELECT s.kind, f.path, s.start_line, s.fqn, s.signature, s.name, min(m.tier) AS tier, "
+      + std::string(KIND_RANK) + " AS kind_rank, "
+      "substr(s.fqn, length(f.path) + 3) AS q "
+      "FROM m JOIN symbols AS s ON s.id = m.id JOIN files AS f ON f.id = s.file_id WHERE " + NOT_ANCHOR +
+      " GROUP BY s.id ORDER BY tier, kind_rank DESC, "
+      "length(q) - length(replace(replace(q, '::', ':'), '.', '')), "
+      "length(f.path), f.path, s.name, s.start_line LIMIT ?3";
+  return sql;
+}
+
+// Where the last part of a qualified name starts: after the last "::" or ".".
+std::size_t last_part(std::string_view name) {
+  const auto colons = name.rfind("::");
+  const auto dot = name.rfind('.');
+  std::size_t at = 0;
+  if (colons != std::string_view::npos) at = colons + 2;
+  if (dot != std::string_view::npos && dot + 1 > at) at = dot + 1;
+  return at;
+}
+
+double since(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+}  // namespace
+
+FtsQuery fts_query(std::string_view typed) {
+  QueryWriter grouped(typed, true);
+  if (grouped.run()) return std::move(grouped.query);
+  QueryWriter plain(typed, false);
+  plain.run();
+  return std::move(plain.query);
+}
+
+std::optional<std::pair<std::int64_t, std::int64_t>> marked_lines(const std::string& text) {
+  const auto first = text.find('\x01');
+  const auto last = text.rfind('\x02');
+  if (first == std::string::npos || last == std::string::npos) return std::nullopt;
+  auto lines_before = [&](std::size_t pos) {
+    return static_cast<std::int64_t>(std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(pos), '\n'));
+  };
+  return std::make_pair(lines_before(first), lines_before(last));
+}
+
+std::string first_marked_line(const std::string& text) {
+  const auto at = text.find('\x01');
+  if (at == std::string::npos) return {};
+  const auto newline = text.rfind('\n', at);
+  const auto begin = newline == std::string::npos ? 0 : newline + 1;
+  const auto end = text.find('\n', at);
+  std::string line = text.substr(begin, (end == std::string::npos ? text.size() : end) - begin);
+  std::erase(line, '\x01');
+  std::erase(line, '\x02');
+  const auto s = line.find_first_not_of(" \t");
+  line = s == std::string::npos ? std::string() : line.substr(s);
+  if (line.size() > 120) line = line.substr(0, 117) + "...";
+  return line;
+}
+
+std::vector<Hit> search(Database& db, std::string_view typed, std::int64_t limit) {
+  const auto query = fts_query(typed);
+  std::vector<storage::Row> rows;
+  try {
+    rows = db.fetchall(search_sql(), {json_array(query.names), query.text, limit});
+  } catch (const storage::Error& e) {
+    // SQLITE_ERROR is what FTS5 raises for the query's text; locks and
+    // damage are the caller's to report.
+    if ((e.code() & 0xff) != 1) throw;
+    throw QueryError(e.what());
+  }
+  std::vector<Hit> hits;
+  hits.reserve(rows.size());
+  for (const auto& row : rows) {
+    Hit hit{row[0].to_text(), row[1].as_int(), row[2].as_int(), {}, row[4].as_int() > 0, row[5].as_double()};
+    const auto& text = row[3].to_text();
+    if (const auto lines = marked_lines(text)) {
+      hit.end_line = hit.start_line + lines->second;
+      hit.start_line += lines->first;
+    }
+    hit.snippet = first_marked_line(text);
+    hits.push_back(std::move(hit));
+  }
+  return hits;
+}
+
+std::string format_hit(const Hit& hit) {
+  std::string out = hit.path + ":" + std::to_string(hit.start_line);
+  if (hit.end_line != hit.start_line) out += "-" + std::to_string(hit.end_line);
+  if (!hit.snippet.empty()) out += "  " + hit.snippet;
+  return out;
+}
+
+std::vector<Definition> find_definitions(Database& db, std::string_view name, std::int64_t limit) {
+  const bool prefix = name.ends_with('*');
+  const auto full = prefix ? name.substr(0, name.size() - 1) : name;
+  if (full.empty()) throw std::invalid_argument("no name to look up");
+  const auto at = last_part(full);
+  std::string lo, hi, qualifier;
+  if (prefix) {
+    lo = full.substr(at);
+    qualifier = full.substr(0, at);
+    hi = lo;
+    // The first string past every name that starts with `lo`; UTF-8 text
+    // never holds 0xff, so the last byte can always be raised.
+    while (!hi.empty() && static_cast<unsigned char>(hi.back()) == 0xff) hi.pop_back();
+    if (hi.empty()) {
+      hi = std::string(4, '\xff');
+    } else {
+      hi.back() = static_cast<char>(hi.back() + 1);
+    }
+  }
+  std::vector<Definition> out;
+  for (const auto& row : db.fetchall(definitions_sql(), {full, full.substr(at), limit, lo, hi, qualifier})) {
+    Definition d{row[0].to_text(), row[1].to_text(), row[2].is_null() ? 0 : row[2].as_int(), {},
+                 row[4].is_null() ? std::string() : row[4].to_text(), row[5].to_text(), row[3].to_text()};
+    // fqn is "path::qualified name"; the scope is what precedes the name.
+    std::string_view qualified = d.fqn;
+    if (qualified.starts_with(d.path + "::")) qualified.remove_prefix(d.path.size() + 2);
+    if (qualified.ends_with(d.name)) {
+      qualified.remove_suffix(d.name.size());
+      if (qualified.ends_with("::")) qualified.remove_suffix(2);
+      else if (qualified.ends_with('.')) qualified.remove_suffix(1);
+      d.scope = qualified;
+    }
+    out.push_back(std::move(d));
+  }
+  return out;
+}
+
+std::string format_definition(const Definition& d) {
+  std::string out = d.kind + "  " + d.path + ":" + std::to_string(d.line) + "  ";
+  if (!d.scope.empty()) out += d.scope + (d.fqn.ends_with("." + d.name) ? "." : "::");
+  return out + d.name + d.signature;
+}
+
+DefinitionProbe probe_definition(Database& db, std::string_view name, std::string_view defining_path,
+                                 std::int64_t limit) {
+  DefinitionProbe probe;
+  auto start = std::chrono::steady_clock::now();
+  const auto defs = find_definitions(db, name, limit);
+  probe.def_seconds = since(start);
+  for (std::size_t i = 0; i < defs.size() && !probe.def_rank; ++i) {
+    if (defs[i].path == defining_path) probe.def_rank = static_cast<std::int64_t>(i) + 1;
+  }
+  start = std::chrono::steady_clock::now();
+  const auto hits = search(db, name, limit);
+  probe.search_seconds = since(start);
+  for (std::size_t i = 0; i < hits.size() && !probe.search_rank; ++i) {
+    if (hits[i].defines && hits[i].path == defining_path) probe.search_rank = static_cast<std::int64_t>(i) + 1;
+  }
+  return probe;
+}
+
+}  // namespace marsk_quorvi::cli
