@@ -16,6 +16,7 @@
 #include "quorvi/bench_runner.hpp"
 #include "quorvi/index_pass.hpp"
 #include "quorvi/index_run.hpp"
+#include "quorvi/search.hpp"
 #include "quorvi/source_file.hpp"
 
 namespace marsk_quorvi::cli {
@@ -342,85 +343,46 @@ int cmd_swap(Context& ctx) {
   return EXIT_OK;
 }
 
-// The lines of `text` (a chunk with FTS5 highlight marks \x01...\x02) on which
-// the first and the last match fall, counted from 0; none without marks.
-std::optional<std::pair<std::int64_t, std::int64_t>> marked_lines(const std::string& text) {
-  const auto first = text.find('\x01');
-  const auto last = text.rfind('\x02');
-  if (first == std::string::npos || last == std::string::npos) return std::nullopt;
-  auto lines_before = [&](std::size_t pos) {
-    return static_cast<std::int64_t>(std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(pos), '\n'));
-  };
-  return std::make_pair(lines_before(first), lines_before(last));
-}
-
-std::string first_marked_line(const std::string& text) {
-  const auto at = text.find('\x01');
-  if (at == std::string::npos) return {};
-  const auto begin = text.rfind('\n', at);
-  const auto end = text.find('\n', at);
-  std::string line = text.substr(begin == std::string::npos ? 0 : begin + 1,
-                                 (end == std::string::npos ? text.size() : end) - (begin == std::string::npos ? 0 : begin + 1));
-  std::erase(line, '\x01');
-  std::erase(line, '\x02');
-  const auto s = line.find_first_not_of(" \t");
-  line = s == std::string::npos ? std::string() : line.substr(s);
-  if (line.size() > 120) line = line.substr(0, 117) + "...";
-  return line;
-}
-
-int cmd_search(Context& ctx) {
+// The operands as one query, refused past the limits that keep its ranking cheap.
+std::string query_of(Context& ctx, const char* command) {
   std::string query;
   for (const auto& w : ctx.inv.operands) query += (query.empty() ? "" : " ") + w;
-  std::size_t terms = 0;
-  std::istringstream words(query);
-  for (std::string w; words >> w;) ++terms;
+  const std::size_t terms = fts_query(query).terms;
   if (query.size() > kMaxQueryBytes || terms > kMaxQueryTerms) {
     throw UsageError("search query too long: " + std::to_string(terms) + " terms, " + std::to_string(query.size()) +
                          " bytes; at most " + std::to_string(kMaxQueryTerms) + " terms and " +
                          std::to_string(kMaxQueryBytes) + " bytes",
-                     "search");
+                     command);
   }
+  return query;
+}
+
+int cmd_search(Context& ctx) {
+  const std::string query = query_of(ctx, "search");
   const auto limit = ctx.inv.int_value("--limit", 20, 1);
   auto db = open_for_reading(ctx);
   require_column(*db, ctx, "code_chunks", "exact");
-  std::vector<storage::Row> hits;
+  std::vector<Hit> hits;
   try {
-    // Best first by FTS5's rank (bm25), then the few hits get their paths.
-    hits = db->fetchall(
-        "SELECT f.path, h.rid, h.start_line, h.end_line, h.rank FROM ("
-        "SELECT rowid AS rid, start_line, end_line, rank FROM code_chunks WHERE code_chunks MATCH ? "
-        "ORDER BY rank LIMIT ?) AS h JOIN files AS f ON f.id = (h.rid >> " +
-            std::to_string(storage::core_schema::CHUNK_ROWID_BITS) + ") ORDER BY h.rank",
-        {query, limit});
-  } catch (const storage::Error& e) {
-    if (code_for(e) != EXIT_FAILED) throw;
+    hits = search(*db, query, limit);
+  } catch (const QueryError& e) {
     ctx.err << "quorvi-db: malformed search query '" << query << "': " << e.what() << "\n"
-            << "Words, \"phrases\", prefix*, AND, OR, NOT and NEAR(...) are understood; quote other punctuation.\n";
+            << "Words, \"phrases\", prefix*, AND, OR, NOT and NEAR(...) keep their meaning; other code is searched as "
+               "typed.\n";
     return EXIT_BAD_ARGUMENT;
   }
-  for (const auto& hit : hits) {
-    auto start = hit[2].as_int();
-    auto end = hit[3].as_int();
-    std::string snippet;
-    auto marked = db->fetchone(
-        "SELECT highlight(code_chunks, 0, char(1), char(2)) FROM code_chunks WHERE code_chunks MATCH ? AND rowid = ?",
-        {query, hit[1]});
-    if (marked) {
-      const auto text = (*marked)[0].to_text();
-      if (auto lines = marked_lines(text)) {
-        const auto chunk_start = start;
-        start = chunk_start + lines->first;
-        end = chunk_start + lines->second;
-      }
-      snippet = first_marked_line(text);
-    }
-    ctx.out << ctx.shown(hit[0].to_text()) << ":" << start;
-    if (end != start) ctx.out << "-" << end;
-    if (!snippet.empty()) ctx.out << "  " << ctx.shown(snippet);
-    ctx.out << "\n";
-  }
+  for (const auto& hit : hits) ctx.out << ctx.shown(format_hit(hit)) << "\n";
   if (hits.empty()) ctx.err << "no hits for '" << query << "'\n";
+  return EXIT_OK;
+}
+
+int cmd_def(Context& ctx) {
+  const std::string name = ctx.inv.operands.front();
+  const auto limit = ctx.inv.int_value("--limit", 20, 1);
+  auto db = open_for_reading(ctx);
+  const auto found = find_definitions(*db, name, limit);
+  for (const auto& d : found) ctx.out << ctx.shown(format_definition(d)) << "\n";
+  if (found.empty()) ctx.err << "no definition of '" << name << "'\n";
   return EXIT_OK;
 }
 
@@ -527,10 +489,17 @@ const std::vector<CommandSpec>& command_specs() {
        {{"--limit", "N", "list at most N rows (default: all)"}}, Access::reads, cmd_errors},
       {"search", "TEXT...", 1, static_cast<std::size_t>(-1), "full-text search over the indexed text",
        "Searches the text of the indexed files (FTS5 query syntax: words, \"phrases\",\n"
-       "prefix*, AND/OR/NOT, NEAR(...)); prints the path and the line range of each\n"
-       "hit, best first. Several operands are joined with blanks; at most 64 terms\n"
-       "and 4 KiB.",
+       "prefix*, AND/OR/NOT, NEAR(...); any other code, such as a::b or foo(, is\n"
+       "searched as typed); prints the path and the line range of each hit. A chunk\n"
+       "that defines a name the query names comes first, then the best by bm25.\n"
+       "Several operands are joined with blanks; at most 64 terms and 4 KiB.",
        {{"--limit", "N", "print at most N hits (default 20)"}}, Access::reads, cmd_search},
+      {"def", "NAME", 1, 1, "list the definitions of a symbol",
+       "Lists where NAME is defined, best first: symbols of exactly that name, then\n"
+       "those whose qualified name is NAME or ends in ::NAME or .NAME, then, for\n"
+       "NAME*, every name with that prefix. Types and definitions come before\n"
+       "declarations and macros. Each line: kind, path:line, scope, signature.",
+       {{"--limit", "N", "print at most N definitions (default 20)"}}, Access::reads, cmd_def},
       {"compact", "", 0, 0, "give free pages back to the file system",
        "Releases the free pages of an existing index file in short steps and prints\n"
        "what was done, or why nothing was.",

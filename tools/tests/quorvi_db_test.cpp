@@ -322,6 +322,9 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
   };
   const Case cases[] = {
       {{"search", "spin_turbine", "--db", d}, 0, "lib/engine.cpp:3  int spin_turbine(int rpm) { return rpm * 2; }\n"},
+      {{"def", "spin_turbine", "--db", d}, 0, "function  lib/engine.cpp:3  n::S::spin_turbine(int rpm)\n"},
+      {{"def", "spin*", "--limit", "1", "--db", d}, 0, "function  lib/engine.cpp:3  n::S::spin_turbine(int rpm)\n"},
+      {{"def", "nothing", "--db", d}, 0, "", "no definition of 'nothing'\n"},
       {{"search", "\"line 62\"", "OR", "\"line 64\"", "--db", d}, 0, "long.txt:62-64  line 62\n"},
       {{"search", "return", "--limit=1", "--db", d}, 0, "src/shapes.py:3  return 42\n"},  // best first: the shorter
       {{"errors", "--db", d}, 0,
@@ -368,7 +371,7 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
            "solo    9      -     -           -      <= 2\n",
        "running a_bench\n  warming up\n  BENCH\tbad\n  BENCH\t\t1\ts\tp\t1\t1\t<2\nrunning b_bench\n  BENCH broken\n"
        "b_bench: exited with status 3, 0 result lines\nrunning d_bench\nd_bench: died of signal 9, 0 result lines\n"},
-      {{"search", "--db", d, "--", "--db"}, 2, "", StartsWith("quorvi-db: malformed search query '--db': ")},
+      {{"search", "--db", d, "--", "--db", "AND"}, 2, "", StartsWith("quorvi-db: malformed search query '--db AND': ")},
       {{}, 2, "", usage("no command given", "")},
       {{"frobnicate"}, 2, "", usage("unknown command 'frobnicate'", "")},
       {{"--bogus", "stats"}, 2, "", usage("The following argument was not expected: --bogus", "stats ")},
