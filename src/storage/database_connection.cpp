@@ -47,12 +47,15 @@ int _parse_reader_count(const char* raw) {
 bool _is_read_statement(std::string_view sql) {
   std::string_view rest = sql;
   while (!rest.empty() && is_ascii_space(rest.front())) rest.remove_prefix(1);
-  // Only the head is upper-cased: this decides the route of most queries.
-  char head[8];
-  const std::size_t n = std::min<std::size_t>(rest.size(), sizeof head);
-  for (std::size_t i = 0; i < n; ++i) head[i] = ascii_upper(rest[i]);
-  const std::string_view h(head, n);
-  if (h.starts_with("SELECT") || h.starts_with("WITH")) return true;
+  // Only the head is compared: this decides the route of every query.
+  const auto starts_with = [&](std::string_view keyword) {
+    if (rest.size() < keyword.size()) return false;
+    for (std::size_t i = 0; i < keyword.size(); ++i) {
+      if (ascii_upper(rest[i]) != keyword[i]) return false;
+    }
+    return true;
+  };
+  if (starts_with("SELECT") || starts_with("WITH")) return true;
 
   std::string_view whole = strip(sql);
   while (!whole.empty() && whole.back() == ';') whole.remove_suffix(1);
@@ -242,13 +245,12 @@ ReaderPool* DatabaseImpl::_readers_for(std::string_view sql) const {
   return _is_read_statement(sql) ? readers : nullptr;
 }
 
-template <class Fetch>
-auto DatabaseImpl::_query(std::string_view sql, ParamsRef params, Fetch&& fetch)
-    -> std::invoke_result_t<Fetch&, Cursor&> {
-  if (auto readers = _readers_for(sql)) {
+template <class Run>
+auto DatabaseImpl::_query(std::string_view sql, Run&& run) -> std::invoke_result_t<Run&, Connection&> {
+  if (ReaderPool* readers = _readers_for(sql)) {
     try {
       auto lease = readers->lease();
-      return _run_query(lease.connection(), sql, params, fetch);
+      return run(lease.connection());
     } catch (const ReaderUnavailable&) {
       // fall through to the writer connection
     } catch (const OperationalError& e) {
@@ -256,15 +258,15 @@ auto DatabaseImpl::_query(std::string_view sql, ParamsRef params, Fetch&& fetch)
     }
   }
   std::lock_guard lock(_lock);
-  return _run_query(*connection(), sql, params, fetch);
+  return run(*connection());
 }
 
 std::optional<Row> DatabaseImpl::fetchone(std::string_view sql, ParamsRef params) {
-  return _query(sql, params, [](Cursor& c) { return c.fetchone(); });
+  return _query(sql, [&](Connection& c) { return c.fetchone(sql, params); });
 }
 
 std::vector<Row> DatabaseImpl::fetchall(std::string_view sql, ParamsRef params) {
-  return _query(sql, params, [](Cursor& c) { return c.fetchall(); });
+  return _query(sql, [&](Connection& c) { return _run_query(c, sql, params, [](Cursor& cur) { return cur.fetchall(); }); });
 }
 
 std::int64_t DatabaseImpl::_count(std::string_view sql) {

@@ -170,8 +170,10 @@ class DatabaseImpl {
   void _require_writable() const;
   void _transaction(const std::function<void(Cursor&)>& body);
   std::shared_ptr<ReaderPool> _open_readers(const std::string& journal_mode);
-  template <class Fetch>
-  auto _query(std::string_view sql, ParamsRef params, Fetch&& fetch) -> std::invoke_result_t<Fetch&, Cursor&>;
+  // Runs `run` on a read connection when the pool may serve `sql`, else on
+  // the writer connection under the lock.
+  template <class Run>
+  auto _query(std::string_view sql, Run&& run) -> std::invoke_result_t<Run&, Connection&>;
   std::int64_t _count(std::string_view sql);
   ReaderPool* _readers_for(std::string_view sql) const;
   void _rewrite_pages();

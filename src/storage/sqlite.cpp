@@ -215,6 +215,73 @@ std::string uri_escaped(const std::string& path) {
   return out;
 }
 
+// One step of `st`: true on a row, false (and reset, so that a finished read
+// ends its read transaction) when done; raises SQLite's error otherwise.
+// `first`: the first step after binding.
+bool step_statement(sqlite3_stmt* st, bool first) {
+  int rc;
+  {
+    sqlite3* db = sqlite3_db_handle(st);
+    DbMutex guard(db);
+    rc = sqlite3_step(st);
+    // A cached statement is prepared again inside its first step after a
+    // schema change, where it can lose the same race as a fresh prepare.
+    for (int attempt = 1; first && attempt < kSchemaRaceAttempts && lost_schema_race(db, rc); ++attempt) {
+      sqlite3_reset(st);
+      rc = sqlite3_step(st);
+    }
+    if (rc != SQLITE_ROW && rc != SQLITE_DONE) raise_step_error(st, rc);
+  }
+  if (rc == SQLITE_ROW) return true;
+  sqlite3_reset(st);
+  return false;
+}
+
+// The current row of a stepped statement.
+Row read_row(detail::Statement& statement) {
+  sqlite3_stmt* st = statement.stmt.get();
+  // One hold of the connection's mutex for the whole row (a no-op on a read
+  // connection), instead of one per column call: the values read below are
+  // SQLite's unprotected ones, safe while it is held.
+  DbMutex guard(sqlite3_db_handle(st));
+  const int n = sqlite3_column_count(st);
+  if (static_cast<std::size_t>(n) != statement.names->size()) {
+    // The statement was recompiled after a schema change and its shape moved.
+    auto names = std::make_shared<std::vector<std::string>>();
+    for (int i = 0; i < n; ++i) {
+      const char* name = sqlite3_column_name(st, i);
+      names->emplace_back(name ? name : "");
+    }
+    statement.names = std::move(names);
+  }
+  std::vector<Value> values;
+  values.reserve(static_cast<std::size_t>(n));
+  for (int i = 0; i < n; ++i) {
+    sqlite3_value* v = sqlite3_column_value(st, i);
+    switch (sqlite3_value_type(v)) {
+      case SQLITE_INTEGER:
+        values.emplace_back(static_cast<std::int64_t>(sqlite3_value_int64(v)));
+        break;
+      case SQLITE_FLOAT:
+        values.emplace_back(sqlite3_value_double(v));
+        break;
+      case SQLITE_TEXT: {
+        const auto* p = reinterpret_cast<const char*>(sqlite3_value_text(v));
+        values.emplace_back(p ? std::string(p, static_cast<std::size_t>(sqlite3_value_bytes(v))) : std::string());
+        break;
+      }
+      case SQLITE_BLOB: {
+        const auto* p = static_cast<const std::uint8_t*>(sqlite3_value_blob(v));
+        values.emplace_back(Bytes(p, p + sqlite3_value_bytes(v)));
+        break;
+      }
+      default:
+        values.emplace_back();
+    }
+  }
+  return Row(statement.names, std::move(values));
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- errors
@@ -504,6 +571,20 @@ Cursor Connection::execute(std::string_view sql, ParamsRef params) {
   return c;
 }
 
+std::optional<Row> Connection::fetchone(std::string_view sql, ParamsRef params) {
+  if (closed()) throw Error("Cannot operate on a closed database.", SQLITE_MISUSE);
+  detail::StatementLease statement = acquire(sql);
+  if (!statement->stmt) return std::nullopt;
+  // A write runs to its end, as execute() runs it.
+  if (!statement->readonly) {
+    statement.reset();
+    return execute(sql, params).fetchone();
+  }
+  bind_all(statement->stmt.get(), params);
+  if (!step_statement(statement->stmt.get(), true)) return std::nullopt;
+  return read_row(*statement);  // the lease's end resets the statement
+}
+
 Cursor Connection::executemany(std::string_view sql, const std::vector<Params>& params_list) {
   Cursor c = cursor();
   c.executemany(sql, params_list);
@@ -536,70 +617,12 @@ void Cursor::check_open() const {
 }
 
 bool Cursor::step_row(bool first) {
-  sqlite3_stmt* st = stmt_->stmt.get();
-  int rc;
-  {
-    sqlite3* db = sqlite3_db_handle(st);
-    DbMutex guard(db);
-    rc = sqlite3_step(st);
-    // A cached statement is prepared again inside its first step after a
-    // schema change, where it can lose the same race as a fresh prepare.
-    for (int attempt = 1; first && attempt < kSchemaRaceAttempts && lost_schema_race(db, rc); ++attempt) {
-      sqlite3_reset(st);
-      rc = sqlite3_step(st);
-    }
-    if (rc != SQLITE_ROW && rc != SQLITE_DONE) raise_step_error(st, rc);
-  }
-  if (rc == SQLITE_ROW) return true;
-  // Reset at once so that a finished read ends its read transaction.
-  sqlite3_reset(st);
+  if (step_statement(stmt_->stmt.get(), first)) return true;
   done_ = true;
   return false;
 }
 
-Row Cursor::current_row() {
-  sqlite3_stmt* st = stmt_->stmt.get();
-  // One hold of the connection's mutex for the whole row (a no-op on a read
-  // connection), instead of one per column call: the values read below are
-  // SQLite's unprotected ones, safe while it is held.
-  DbMutex guard(sqlite3_db_handle(st));
-  const int n = sqlite3_column_count(st);
-  if (static_cast<std::size_t>(n) != stmt_->names->size()) {
-    // The statement was recompiled after a schema change and its shape moved.
-    auto names = std::make_shared<std::vector<std::string>>();
-    for (int i = 0; i < n; ++i) {
-      const char* name = sqlite3_column_name(st, i);
-      names->emplace_back(name ? name : "");
-    }
-    stmt_->names = std::move(names);
-  }
-  std::vector<Value> values;
-  values.reserve(static_cast<std::size_t>(n));
-  for (int i = 0; i < n; ++i) {
-    sqlite3_value* v = sqlite3_column_value(st, i);
-    switch (sqlite3_value_type(v)) {
-      case SQLITE_INTEGER:
-        values.emplace_back(static_cast<std::int64_t>(sqlite3_value_int64(v)));
-        break;
-      case SQLITE_FLOAT:
-        values.emplace_back(sqlite3_value_double(v));
-        break;
-      case SQLITE_TEXT: {
-        const auto* p = reinterpret_cast<const char*>(sqlite3_value_text(v));
-        values.emplace_back(p ? std::string(p, static_cast<std::size_t>(sqlite3_value_bytes(v))) : std::string());
-        break;
-      }
-      case SQLITE_BLOB: {
-        const auto* p = static_cast<const std::uint8_t*>(sqlite3_value_blob(v));
-        values.emplace_back(Bytes(p, p + sqlite3_value_bytes(v)));
-        break;
-      }
-      default:
-        values.emplace_back();
-    }
-  }
-  return Row(stmt_->names, std::move(values));
-}
+Row Cursor::current_row() { return read_row(*stmt_); }
 
 void Cursor::start(std::string_view sql) {
   check_open();

@@ -141,6 +141,7 @@ class StatementLease {
   ~StatementLease() { reset(); }
   void reset() noexcept;
   Statement* operator->() const noexcept { return statement_; }
+  Statement& operator*() const noexcept { return *statement_; }
   explicit operator bool() const noexcept { return statement_ != nullptr; }
 
  private:
@@ -237,6 +238,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   [[nodiscard]] Cursor cursor();
   Cursor execute(std::string_view sql, ParamsRef params = {});
   Cursor executemany(std::string_view sql, const std::vector<Params>& params_list);
+  // The first row of `sql`, as execute(sql, params).fetchone(), without the
+  // cursor: the statement goes back as soon as its row is read.
+  std::optional<Row> fetchone(std::string_view sql, ParamsRef params = {});
   // Runs several `;`-separated statements (DDL scripts) without parameters.
   void executescript(const std::string& sql);
   // Finalises the cached statements and closes the handle; statements still
