@@ -42,9 +42,10 @@ bool is_bench_program(const fs::directory_entry& entry) {
 
 // Universal Ctags alone over the same tree: what extraction cannot beat.
 double ctags_alone(const fs::path& tree) {
-  std::vector<std::string> args{"ctags", "--output-format=json", "--fields=+neKS", "--sort=no", "-f", "-", "-R"};
-  const auto own = Ctags::arguments({});
-  args.insert(args.end(), own.begin() + 5, own.end());  // the same --languages and --map options
+  std::vector<std::string> args{"ctags", "--options=NONE"};
+  const auto own = Ctags::arguments({});  // the same fields, kinds, extras, languages and maps
+  args.insert(args.end(), own.begin(), own.end());
+  args.push_back("-R");
   args.push_back(tree.string());
   const auto start = Clock::now();
   run_process(args, [](std::string_view) {});
@@ -65,10 +66,12 @@ class RawRows : public StagingRows {
             "INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line, parent_id, signature) "
             "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)");
     prepare(chunks_, "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (?, ?, ?, ?, 1)");
+    prepare(imports_, "INSERT INTO external_imports (id, file_id, module, name, alias, line) VALUES (?, ?, ?, ?, ?, ?)");
+    prepare(edges_, "INSERT INTO edges (id, source_id, target_id, kind, resolution, line) VALUES (?, ?, ?, ?, 'exact', ?)");
     prepare(errors_, "INSERT INTO index_errors (file_path, error_type, message, line) VALUES (?, ?, ?, ?)");
   }
   ~RawRows() override {
-    for (auto* s : {components_, files_, symbols_, chunks_, errors_}) sqlite3_finalize(s);
+    for (auto* s : {components_, files_, symbols_, chunks_, imports_, edges_, errors_}) sqlite3_finalize(s);
   }
   void component(std::int64_t id, const std::string& name) override {
     sqlite3_bind_int64(components_, 1, id);
@@ -108,6 +111,24 @@ class RawRows : public StagingRows {
     sqlite3_bind_int64(chunks_, 4, end_line);
     run(chunks_);
   }
+  void import(std::int64_t id, std::int64_t file_id, const Import& in) override {
+    sqlite3_bind_int64(imports_, 1, id);
+    sqlite3_bind_int64(imports_, 2, file_id);
+    text(imports_, 3, in.module);
+    in.name ? text(imports_, 4, *in.name) : sqlite3_bind_null(imports_, 4);
+    in.alias ? text(imports_, 5, *in.alias) : sqlite3_bind_null(imports_, 5);
+    sqlite3_bind_int64(imports_, 6, in.line);
+    run(imports_);
+  }
+  void edge(std::int64_t id, std::int64_t source_id, std::int64_t target_id, const char* kind,
+            std::int64_t line) override {
+    sqlite3_bind_int64(edges_, 1, id);
+    sqlite3_bind_int64(edges_, 2, source_id);
+    sqlite3_bind_int64(edges_, 3, target_id);
+    text(edges_, 4, kind);
+    sqlite3_bind_int64(edges_, 5, line);
+    run(edges_);
+  }
   void error(const FileError& e) override {
     text(errors_, 1, e.path);
     text(errors_, 2, e.error_type);
@@ -130,7 +151,7 @@ class RawRows : public StagingRows {
   }
   sqlite3* db_;
   sqlite3_stmt *components_ = nullptr, *files_ = nullptr, *symbols_ = nullptr, *chunks_ = nullptr,
-               *errors_ = nullptr;
+               *imports_ = nullptr, *edges_ = nullptr, *errors_ = nullptr;
 };
 
 double raw_staging(const fs::path& repo, const Extraction& extraction, const fs::path& path) {

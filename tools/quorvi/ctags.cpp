@@ -71,6 +71,8 @@ std::optional<Tag> parse_tag_line(std::string_view line) {
   tag.signature = text_member(j, "signature");
   tag.scope = text_member(j, "scope");
   tag.scope_kind = text_member(j, "scopeKind");
+  tag.roles = text_member(j, "roles").value_or("");
+  tag.nameref = text_member(j, "nameref");
   return tag;
 }
 
@@ -112,7 +114,8 @@ Ctags::Ctags(std::string program) : program_(std::move(program)) {
 }
 
 std::vector<std::string> Ctags::arguments(const std::vector<std::string>& files) {
-  std::vector<std::string> args{"--output-format=json", "--fields=+neKS", "--sort=no", "-f", "-"};
+  std::vector<std::string> args{"--output-format=json", "--fields=+neKSr", "--sort=no", "-f",
+                                "-",  "--extras=+r",         "--kinds-C=+px", "--kinds-C++=+px"};
   std::string languages = "--languages=";
   for (const auto& lang : parsed_languages()) {
     if (languages.back() != '=') languages += ',';

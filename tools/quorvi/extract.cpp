@@ -63,7 +63,9 @@ class LinkFolder {
 
   // A link to `target`, in a folder of its own so that it can keep the
   // file's own name, by which ctags tells `Makefile` or `CMakeLists.txt`.
-  std::string add(std::size_t n, std::string_view rel, const std::string& target) {
+  // `extension` (with its dot) is added when the name alone would not tell
+  // ctags the file's language.
+  std::string add(std::size_t n, std::string_view rel, const std::string& target, const std::string& extension) {
     const fs::path sub = dir_ / std::to_string(n);
     std::string name(rel.substr(rel.rfind('/') + 1));
     const bool plain = valid_utf8(name) && std::none_of(name.begin(), name.end(), [](char c) {
@@ -71,7 +73,7 @@ class LinkFolder {
                        });
     // The language is told by the extension, which the table keeps ASCII.
     if (!plain) name = "file" + (name.rfind('.') == std::string::npos ? "" : name.substr(name.rfind('.')));
-    const fs::path link = sub / name;
+    const fs::path link = sub / (name + extension);
     if (::mkdir(sub.c_str(), 0700) != 0 || ::symlink(target.c_str(), link.c_str()) != 0) {
       throw OSError("cannot make a link for ctags in " + dir_.string() + ": " + std::strerror(errno), errno, dir_);
     }
@@ -98,12 +100,15 @@ void extract_batch(const fs::path& repo, int root, const WalkResult& walked, con
     }
     FileRecord record;
     record.language = language_for(entry.path.substr(entry.path.rfind('/') + 1));
-    const bool parse = ctags && ctags_parser(record.language);
-    auto source = read_source(root, entry.path, max_bytes, parse && can_link_descriptors());
+    const bool by_text = ctags && text_may_decide_language(entry.path);
+    auto source = read_source(root, entry.path, max_bytes,
+                              (by_text || (ctags && ctags_parser(record.language))) && can_link_descriptors());
     if (!source.ok()) {
       batch.errors.push_back({entry.path, source.error_type, source.message, std::nullopt});
       continue;
     }
+    if (by_text) record.language = language_of(entry.path, std::string_view(source.text).substr(0, 1024));
+    const bool parse = ctags && ctags_parser(record.language);
     record.path = entry.path;
     record.size = source.size;
     record.mtime = source.mtime;
@@ -121,7 +126,10 @@ void extract_batch(const fs::path& repo, int root, const WalkResult& walked, con
   for (std::size_t n = 0; n < to_parse.size(); ++n) {
     auto& p = to_parse[n];
     const auto& rel = batch.files[p.record].path;
-    p.link = links.add(n, rel, p.file ? "/proc/self/fd/" + std::to_string(p.file.get()) : (repo / rel).string());
+    const auto& language = batch.files[p.record].language;
+    const bool named = language_for(rel.substr(rel.rfind('/') + 1)) == language;
+    p.link = links.add(n, rel, p.file ? "/proc/self/fd/" + std::to_string(p.file.get()) : (repo / rel).string(),
+                       named ? "" : "." + extension_for(language).value_or(""));
     if (p.file) inherit.push_back(p.file.get());
     parsed.emplace(p.link, p.record);
     names.push_back(p.link);
@@ -150,6 +158,7 @@ void extract_batch(const fs::path& repo, int root, const WalkResult& walked, con
     }
   }
   for (auto& record : batch.files) {
+    record.imports = take_imports(record.tags);
     std::stable_sort(record.tags.begin(), record.tags.end(), [](const Tag& a, const Tag& b) {
       return a.line != b.line ? a.line < b.line : a.name < b.name;
     });
@@ -171,6 +180,46 @@ std::size_t descriptors_per_batch(unsigned jobs) {
 }
 
 }  // namespace
+
+std::vector<Import> take_imports(std::vector<Tag>& tags) {
+  // The roles under which ctags reports an include or an import: C and C++
+  // headers, makefiles, Python, Go, Java, Perl, Protobuf, Ruby and shell.
+  static const std::unordered_map<std::string_view, bool> import_roles{
+      {"system", true},   {"local", true},  {"included", true}, {"optional", true},   {"imported", false},
+      {"indirectlyImported", false},        {"namespace", false}, {"used", false},    {"loaded", false},
+      {"required", false}, {"requiredRel", false}};
+  std::vector<Import> imports;
+  std::vector<Tag*> aliases;
+  for (auto& tag : tags) {
+    if (!tag.is_reference()) {
+      if (tag.nameref) aliases.push_back(&tag);
+      continue;
+    }
+    const auto role = import_roles.find(std::string_view(tag.roles).substr(0, tag.roles.find(',')));
+    if (role == import_roles.end()) continue;
+    Import in{tag.name, std::nullopt, std::nullopt, tag.line, role->second};
+    // "from module import name": the name comes scoped by its module.
+    if (tag.scope && tag.scope_kind == "module") in = {*tag.scope, tag.name, std::nullopt, tag.line, false};
+    imports.push_back(std::move(in));
+  }
+  // The module of "from module import name" is also reported on its own
+  // (role "namespace"): the rows that name what is taken say it already.
+  std::erase_if(imports, [&](const Import& a) {
+    return !a.name && std::any_of(imports.begin(), imports.end(), [&](const Import& b) {
+             return b.name && b.line == a.line && b.module == a.module;
+           });
+  });
+  // "import module as alias" defines the alias, naming what it stands for.
+  for (const Tag* def : aliases) {
+    const auto target = def->nameref->substr(def->nameref->find(':') + 1);
+    for (auto& in : imports) {
+      if (in.line == def->line && in.name.value_or(in.module) == target) in.alias = def->name;
+    }
+  }
+  std::erase_if(tags, [](const Tag& t) { return t.is_reference(); });
+  std::stable_sort(imports.begin(), imports.end(), [](const Import& a, const Import& b) { return a.line < b.line; });
+  return imports;
+}
 
 Extraction extract(const fs::path& repo, const WalkResult& walked, const Ctags* ctags,
                    const ExtractOptions& options) {

@@ -15,6 +15,22 @@
 
 namespace marsk_quorvi::cli {
 
+// An include or import a file makes, from a reference tag of ctags: one
+// external_imports row.
+struct Import {
+  std::string module;  // the included or imported name as written
+  std::optional<std::string> name;   // what is taken from it ("from module import name")
+  std::optional<std::string> alias;  // the name it is bound to ("as alias")
+  std::int64_t line = 0;
+  bool include = false;  // an #include (or a makefile's include) rather than an import
+  bool operator==(const Import&) const = default;
+};
+
+// Splits the reference tags off `tags`: each include or import becomes an
+// Import, in line order; other references (an #undef, a here-document's end
+// marker) are dropped, since they define nothing.
+std::vector<Import> take_imports(std::vector<Tag>& tags);
+
 // A file whose text made it into the index.
 struct FileRecord {
   std::string path;  // repository-relative
@@ -23,7 +39,8 @@ struct FileRecord {
   std::int64_t size = 0;
   std::int64_t line_count = 0;
   std::optional<double> mtime;  // of the file as read
-  std::vector<Tag> tags;  // sorted by line, then name
+  std::vector<Tag> tags;  // definitions only, sorted by line, then name
+  std::vector<Import> imports;
 };
 
 // A file (or folder) that could not be indexed, as an index_errors row.

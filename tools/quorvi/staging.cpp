@@ -41,7 +41,91 @@ std::optional<double> mtime_of(const fs::path& path) {
   return static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1e9;
 }
 
+// `path` with "." and ".." segments worked out; none when it climbs above
+// the top.
+std::optional<std::string> normal_path(std::string_view path) {
+  std::vector<std::string_view> parts;
+  while (!path.empty()) {
+    const auto slash = path.find('/');
+    const auto part = path.substr(0, slash);
+    if (part == "..") {
+      if (parts.empty()) return std::nullopt;
+      parts.pop_back();
+    } else if (!part.empty() && part != ".") {
+      parts.push_back(part);
+    }
+    path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
+  }
+  std::string out;
+  for (const auto part : parts) (out += out.empty() ? "" : "/") += part;
+  return out;
+}
+
+std::string replace_all(std::string text, std::string_view from, std::string_view to) {
+  for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+    text.replace(at, from.size(), to);
+  }
+  return text;
+}
+
+// The repository-relative names an import may stand for, best first.
+std::vector<std::string> import_names(const std::string& language, const Import& in) {
+  if (in.include || language == "shell" || language == "protobuf") return {in.module};
+  if (language == "python") {
+    const auto base = replace_all(in.module.substr(std::min(in.module.find_first_not_of('.'), in.module.size())), ".", "/");
+    std::vector<std::string> out;
+    if (!base.empty()) out = {base + ".py", base + "/__init__.py"};
+    if (in.name) out.push_back((base.empty() ? "" : base + "/") + *in.name + ".py");
+    return out;
+  }
+  if (language == "perl") return {replace_all(in.module, "::", "/") + ".pm"};
+  if (language == "java") return {replace_all(in.module, ".", "/") + ".java"};
+  if (language == "ruby") return {in.module + (fs::path(in.module).has_extension() ? "" : ".rb")};
+  return {};
+}
+
+std::size_t shared_folders(std::string_view a, std::string_view b) {
+  std::size_t n = 0;
+  for (std::size_t i = 0; i < a.size() && i < b.size() && a[i] == b[i]; ++i) n += a[i] == '/';
+  return n;
+}
+
 }  // namespace
+
+void ImportResolver::add(const std::string& path, std::int64_t anchor) {
+  by_path_.emplace(path, anchor);
+  by_last_segment_[path.substr(path.rfind('/') + 1)].push_back(path);
+}
+
+std::optional<std::int64_t> ImportResolver::find(const std::string& from, const std::string& name) const {
+  const auto folder = from.substr(0, from.rfind('/') + 1);
+  if (auto beside = normal_path(folder + name)) {
+    if (auto it = by_path_.find(*beside); it != by_path_.end()) return it->second;
+  }
+  const auto wanted = normal_path(name);
+  if (!wanted || wanted->empty() || name.find("..") != std::string::npos) return std::nullopt;
+  const auto same = by_last_segment_.find(wanted->substr(wanted->rfind('/') + 1));
+  if (same == by_last_segment_.end()) return std::nullopt;
+  const std::string* best = nullptr;
+  for (const auto& path : same->second) {
+    if (path != *wanted && !path.ends_with("/" + *wanted)) continue;
+    const auto score = [&](const std::string& p) {
+      return std::make_tuple(-static_cast<std::ptrdiff_t>(shared_folders(p, from)), p.size(), std::string_view(p));
+    };
+    if (!best || score(path) < score(*best)) best = &path;
+  }
+  if (!best) return std::nullopt;
+  return by_path_.at(*best);
+}
+
+std::optional<std::int64_t> ImportResolver::resolve(const std::string& from, const std::string& language,
+                                                    const Import& in) const {
+  for (const auto& name : import_names(language, in)) {
+    if (name.empty()) continue;
+    if (auto found = find(from, name); found && *found != by_path_.at(from)) return found;
+  }
+  return std::nullopt;
+}
 
 fs::path staging_path_for(const fs::path& db_path) {
   fs::path p = db_path;
@@ -88,7 +172,8 @@ StagingFile::StagingFile(const fs::path& path) {
   // their own stored definitions at the end: one sort per index instead of a
   // random B-tree insert per row, and the same schema.
   for (const auto& row : ddl.execute("SELECT name, sql FROM sqlite_master WHERE type = 'index' AND sql IS NOT NULL "
-                                     "AND tbl_name IN ('components', 'files', 'symbols', 'index_errors')")
+                                     "AND tbl_name IN ('components', 'files', 'symbols', 'edges', 'external_imports', "
+                                     "'index_errors')")
                              .fetchall()) {
     deferred_.emplace_back(row[0].to_text(), row[1].to_text());
   }
@@ -129,6 +214,13 @@ StagingCounts generate_staging_rows(const fs::path& repo, const Extraction& extr
   std::int64_t file_id = 0;
   std::int64_t symbol_id = 0;
   std::size_t done = 0;
+  // The includes and imports wait until every file has its anchor.
+  ImportResolver resolver;
+  struct Pending {
+    const FileRecord* file;
+    std::int64_t anchor;
+  };
+  std::vector<Pending> pending;
   for (const auto& f : extraction.files) {
     ++file_id;
     const auto folder = top_folder(f.path);
@@ -140,6 +232,9 @@ StagingCounts generate_staging_rows(const fs::path& repo, const Extraction& extr
     const auto anchor = ++symbol_id;
     rows.symbol(anchor, file_id, fs::path(f.path).filename().string(), f.path, "module", 1,
                 std::max<std::int64_t>(f.line_count, 1), std::nullopt, std::nullopt);
+    resolver.add(f.path, anchor);
+    for (const auto& in : f.imports) rows.import(++counts.imports, file_id, in);
+    if (!f.imports.empty()) pending.push_back({&f, anchor});
     // Qualified name within the file -> symbol id, for nesting. Only symbols
     // seen earlier can be parents, so every parent row precedes its children.
     std::unordered_map<std::string, std::int64_t> scopes;
@@ -193,6 +288,13 @@ StagingCounts generate_staging_rows(const fs::path& repo, const Extraction& extr
     if (on_progress && (done % 64 == 0 || done == extraction.files.size())) on_progress(done, extraction.files.size());
   }
   counts.files = file_id;
+  for (const auto& [f, anchor] : pending) {
+    for (const auto& in : f->imports) {
+      if (auto target = resolver.resolve(f->path, f->language, in)) {
+        rows.edge(++counts.edges, anchor, *target, in.include ? "includes" : "imports", in.line);
+      }
+    }
+  }
   for (const auto& e : extraction.errors) rows.error(e);
   counts.errors += static_cast<std::int64_t>(extraction.errors.size());
   return counts;
@@ -217,12 +319,12 @@ class CursorRows : public StagingRows {
 
   explicit CursorRows(Connection& conn)
       : components_(conn.cursor()), files_(conn.cursor()), symbols_(conn.cursor()), chunks_(conn.cursor()),
-        errors_(conn.cursor()) {
+        imports_(conn.cursor()), edges_(conn.cursor()), errors_(conn.cursor()) {
     symbol_batch_.reserve(BATCH);
     chunk_batch_.reserve(BATCH);
   }
   ~CursorRows() override {
-    for (Cursor* c : {&components_, &files_, &symbols_, &chunks_, &errors_}) c->close();
+    for (Cursor* c : {&components_, &files_, &symbols_, &chunks_, &imports_, &edges_, &errors_}) c->close();
   }
   void component(std::int64_t id, const std::string& name) override {
     components_.execute("INSERT INTO components (id, name, root_path) VALUES (?, ?, ?)", {id, name, name});
@@ -243,6 +345,15 @@ class CursorRows : public StagingRows {
   void chunk(std::int64_t rowid, std::string_view text, std::int64_t start_line, std::int64_t end_line) override {
     chunk_batch_.push_back({rowid, text, start_line, end_line});
     if (chunk_batch_.size() >= BATCH) flush_chunks();
+  }
+  void import(std::int64_t id, std::int64_t file_id, const Import& in) override {
+    imports_.execute("INSERT INTO external_imports (id, file_id, module, name, alias, line) VALUES (?, ?, ?, ?, ?, ?)",
+                     {id, file_id, in.module, in.name, in.alias, in.line});
+  }
+  void edge(std::int64_t id, std::int64_t source_id, std::int64_t target_id, const char* kind,
+            std::int64_t line) override {
+    edges_.execute("INSERT INTO edges (id, source_id, target_id, kind, resolution, line) VALUES (?, ?, ?, ?, 'exact', ?)",
+                   {id, source_id, target_id, kind, line});
   }
   void error(const FileError& e) override {
     errors_.execute("INSERT INTO index_errors (file_path, error_type, message, line) VALUES (?, ?, ?, ?)",
@@ -266,7 +377,7 @@ class CursorRows : public StagingRows {
     chunk_batch_.clear();
   }
 
-  Cursor components_, files_, symbols_, chunks_, errors_;
+  Cursor components_, files_, symbols_, chunks_, imports_, edges_, errors_;
   std::vector<Params> symbol_batch_, chunk_batch_;
 };
 

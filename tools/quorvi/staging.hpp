@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -35,13 +36,44 @@ struct StagingCounts {
   std::int64_t symbols = 0;
   std::int64_t chunks = 0;
   std::int64_t errors = 0;
+  std::int64_t imports = 0;
+  std::int64_t edges = 0;
+};
+
+// The repository files that an include or import may name, by path.
+//
+// A name resolves to a file of the repository by the first rule that finds
+// one: the name taken relative to the including file's folder (as a
+// compiler reads `#include "x.h"`), then any file whose path ends with the
+// name (as an include path would find `<lib/x.h>`); among several, the one
+// that shares the most leading folders with the including file, then the
+// shorter path, then the first in path order. A name that climbs above the
+// repository resolves to nothing. An import is tried as the files its
+// language makes of it: Python's `a.b` as a/b.py or a/b/__init__.py (and
+// `from a import b` as a/b.py too), Perl's A::B as A/B.pm, Java's a.b.C as
+// a/b/C.java, Ruby's name with .rb added; a shell script's or a Protobuf
+// file's as written. Go imports name folders, not files, and resolve to none.
+class ImportResolver {
+ public:
+  void add(const std::string& path, std::int64_t anchor);
+  // The anchor of the file `in`, made by the file at `from` in `language`,
+  // resolves to; none when no other file of the repository matches.
+  std::optional<std::int64_t> resolve(const std::string& from, const std::string& language, const Import& in) const;
+
+ private:
+  std::optional<std::int64_t> find(const std::string& from, const std::string& name) const;
+  std::unordered_map<std::string, std::int64_t> by_path_;
+  std::unordered_map<std::string, std::vector<std::string>> by_last_segment_;
 };
 
 // Builds a fresh staging index at `staging` (any old file there is removed
 // first) with the tables of the live schema: `components` from the
 // top-level folders that hold indexed files, `files`, one `module` anchor
 // per file plus a `symbols` row per tag (nested under its enclosing symbol
-// when ctags names one), `code_chunks` with the text of each file in
+// when ctags names one), an `external_imports` row per include or import,
+// an `edges` row (kind `includes` or `imports`, resolution `exact`) from
+// the including file's anchor to the anchor of the file it resolves to (see
+// ImportResolver), `code_chunks` with the text of each file in
 // CHUNK_LINES-line pieces (at most MAX_CHUNKS_PER_FILE of them: the rest
 // of a longer file is left out with a TOO_LARGE_ERROR row naming it), and an
 // `index_errors` row per error. The file is
@@ -66,6 +98,10 @@ class StagingRows {
                       const std::string& kind, std::int64_t start_line, std::int64_t end_line,
                       std::optional<std::int64_t> parent_id, const std::optional<std::string>& signature) = 0;
   virtual void chunk(std::int64_t rowid, std::string_view text, std::int64_t start_line, std::int64_t end_line) = 0;
+  // Rows a consumer that only looks at the others may leave alone.
+  virtual void import(std::int64_t /*id*/, std::int64_t /*file_id*/, const Import& /*in*/) {}
+  virtual void edge(std::int64_t /*id*/, std::int64_t /*source_id*/, std::int64_t /*target_id*/,
+                    const char* /*kind*/, std::int64_t /*line*/) {}
   virtual void error(const FileError& e) = 0;
 };
 
