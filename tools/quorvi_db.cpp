@@ -24,5 +24,5 @@ std::filesystem::path self_path(const char* argv0) {
 
 int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 1, argv + argc);
-  return marsk_quorvi::cli::run_tool(args, std::cout, std::cerr, self_path(argv[0]));
+  return marsk_quorvi::cli::run_tool(args, std::cout, std::cerr, self_path(argv[0]), ::isatty(STDOUT_FILENO) == 1);
 }

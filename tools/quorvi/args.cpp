@@ -1,99 +1,124 @@
 #include "quorvi/args.hpp"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <charconv>
+#include <sstream>
 
 namespace marsk_quorvi::cli {
 
 namespace {
 
-constexpr const char* kExitCodes =
-    "Exit status:\n"
-    "  0  success\n"
-    "  1  check: the index failed the integrity check\n"
-    "  2  bad argument: unknown command or option, a missing or extra operand,\n"
-    "     a bad number, a malformed search query\n"
-    "  3  missing file: no index file (commands that only read or maintain an\n"
-    "     index never create one), repository, staging file or benchmark folder\n"
-    "  4  locked file: another process kept the index locked past the 5 s wait\n"
-    "  5  corrupt file: the index (or staging file) is not a database or is damaged\n"
-    "  6  any other failure (I/O, Universal Ctags missing or failing, a benchmark\n"
-    "     that failed)\n";
+constexpr const char* kToolDescription =
+    "Builds, inspects and maintains the code index of one repository\n"
+    "(REPO/memory/codebase-index/index.db), the file the indexing service keeps.\n"
+    "Commands that only read open the file read-only: they never change it, work\n"
+    "for a user who may only read it, and answer while another process writes.\n"
+    "Commands that write open it as the service does, which also brings an index\n"
+    "made by an older build up to date. Only `index` creates an index file.\n";
 
-std::string option_line(const OptionSpec& o) {
-  std::string head = "  " + o.name + (o.value_name.empty() ? "" : " " + o.value_name);
-  if (head.size() < 24) head.resize(24, ' ');
-  else head += "  ";
-  return head + o.help + "\n";
+const std::pair<int, const char*> kExitCodes[] = {
+    {EXIT_OK, "success"},
+    {EXIT_CHECK_FAILED, "check: the index failed the integrity check"},
+    {EXIT_BAD_ARGUMENT,
+     "bad argument: unknown command or option, a missing or extra operand, a bad number, an empty --db, "
+     "a malformed search query or one of more than 64 terms or 4 KiB"},
+    {EXIT_MISSING,
+     "missing file: no index file (only `index` creates one), repository, staging file or benchmark folder"},
+    {EXIT_LOCKED,
+     "locked: another process kept the index, or another `index` run its lock file, past the 5 s wait"},
+    {EXIT_CORRUPT,
+     "corrupt file: the index (or staging file) is not a database or is damaged; `index` moves a damaged "
+     "index aside and builds a new one"},
+    {EXIT_FAILED,
+     "any other failure (I/O, Universal Ctags missing or failing, an index of an older build that only "
+     "`index` can upgrade, a default index path that leads out of the repository, a failed benchmark)"},
+    {EXIT_NOT_INDEX, "not an index: a database (or an empty file) without the index's tables; nothing changes it"},
+    {EXIT_PERMISSION, "permission denied: the system refused to read or write a file or folder"},
+    {128, "+N: `index` ended by signal N (SIGINT, SIGTERM), its staging file removed"},
+};
+
+// `text` in lines of at most `width` columns, each after `indent` blanks.
+std::string wrap(const std::string& text, std::size_t indent, std::size_t width = 79) {
+  std::istringstream words(text);
+  std::string out, line, word;
+  while (words >> word) {
+    if (!line.empty() && indent + line.size() + 1 + word.size() > width) {
+      out += line + "\n" + std::string(indent, ' ');
+      line.clear();
+    }
+    line += (line.empty() ? "" : " ") + word;
+  }
+  return out + line + "\n";
+}
+
+// Help text for the column right of the names.
+std::string narrow(const std::string& text) {
+  auto out = wrap(text, 0, 79 - 24);
+  out.pop_back();
+  return out;
+}
+
+// Lists each command with its one-line summary; the command's own help
+// shows its longer description.
+class Formatter : public CLI::Formatter {
+ public:
+  explicit Formatter(const std::vector<CommandSpec>& commands) : commands_(commands) { column_width(24); }
+  // Usage first, then what the command does, its options and the exit codes.
+  std::string make_help(const CLI::App* app, std::string name, CLI::AppFormatMode mode) const override {
+    if (mode == CLI::AppFormatMode::Sub) return make_expanded(app);
+    std::string operands = " COMMAND [ARGS]";
+    for (const auto& c : commands_) {
+      if (app->get_parent() && c.name == app->get_name()) operands = c.operands.empty() ? "" : " " + c.operands;
+    }
+    auto out = "Usage: " + name + " [OPTIONS]" + operands + "\n\n" + app->get_description() + make_groups(app, mode) +
+               make_subcommands(app, mode) + "\n" + make_footer(app);
+    for (std::size_t at; (at = out.find("\n\n\n")) != std::string::npos;) out.erase(at, 1);
+    return out;
+  }
+  std::string make_subcommand(const CLI::App* sub) const override {
+    std::stringstream out;
+    for (const auto& c : commands_) {
+      if (c.name == sub->get_name()) CLI::detail::format_help(out, c.name + " " + c.operands, narrow(c.summary), column_width_);
+    }
+    return out.str();
+  }
+
+ private:
+  const std::vector<CommandSpec>& commands_;
+};
+
+const char* group_of(Access access) {
+  switch (access) {
+    case Access::reads:
+      return "Commands that only read the index (it is opened read-only)";
+    case Access::writes:
+      return "Commands that write the index";
+    default:
+      return "Other commands";
+  }
 }
 
 }  // namespace
 
+std::string exit_code_help() {
+  std::string out = "Exit status:\n";
+  for (const auto& [code, text] : kExitCodes) {
+    const auto head = "  " + std::to_string(code) + (code < 10 ? "  " : "");
+    out += head + wrap(text, head.size());
+  }
+  return out;
+}
+
 const std::vector<OptionSpec>& global_options() {
   static const std::vector<OptionSpec> options{
       {"--db", "PATH",
-       "the index file (default: memory/codebase-index/index.db under the repository, "
-       "the current directory unless `index` names one)"},
-      {"--verbose", "", "show the storage layer's log lines on standard error"},
-      {"--help", "", "show help and exit"},
+       "the index file (default: memory/codebase-index/index.db under the repository, the current directory "
+       "unless `index` names one; it must not lead out of the repository through a symbolic link)"},
+      {"-v,--verbose", "", "show the storage layer's log lines on standard error"},
   };
   return options;
-}
-
-const std::vector<CommandSpec>& command_specs() {
-  static const std::vector<CommandSpec> specs{
-      {"index", "[REPO]", 0, 1, "index a repository from scratch and swap the new index in",
-       "Walks REPO (default: the current directory), leaving out .git, the memory/\n"
-       "folder, build output and what the top-level .gitignore excludes; builds a\n"
-       "complete staging index next to the index file (files, components from the\n"
-       "top-level folders, symbols from Universal Ctags, the text of every file for\n"
-       "search, an error row for each file that cannot be read, is binary or is too\n"
-       "large); swaps it in atomically and removes it. Prints the row counts, the new\n"
-       "generation and what compaction did.",
-       {{"--max-file-size", "BYTES", "files larger than this get an error row instead (default 1048576)"},
-        {"--jobs", "N", "extraction threads (default: one per core)"}}},
-      {"stats", "", 0, 0, "counts of files, symbols, edges, components and errors",
-       "Prints the counts of the index, its generation and the size of its file.", {}},
-      {"check", "", 0, 0, "run SQLite's integrity check (exit 1 when it fails)",
-       "Runs the integrity check on the index file; exit status 1 when it fails.", {}},
-      {"compact", "", 0, 0, "give free pages back to the file system",
-       "Releases the free pages of the index file in short steps and prints what was\n"
-       "done, or why nothing was.",
-       {}},
-      {"generation", "", 0, 0, "print the index generation",
-       "Prints the index generation: it goes up by one with every swap.", {}},
-      {"errors", "", 0, 0, "list the files that could not be indexed",
-       "Lists the index_errors rows (path, kind, line, message) and the number of\n"
-       "files that have one.",
-       {{"--limit", "N", "list at most N rows (default: all)"}}},
-      {"clear", "", 0, 0, "empty the index", "Deletes every row of the index tables in one transaction.", {}},
-      {"swap", "STAGING", 1, 1, "replace the index with a staging index file",
-       "Replaces the live index with the contents of the staging index file STAGING\n"
-       "in one transaction (the generation goes up by one), then compacts. The\n"
-       "staging file is left as it is.",
-       {}},
-      {"search", "TEXT...", 1, static_cast<std::size_t>(-1), "full-text search over the indexed text",
-       "Searches the text of the indexed files (FTS5 query syntax: words, \"phrases\",\n"
-       "prefix*, AND/OR/NOT, NEAR(...)); prints the path and the line range of each\n"
-       "hit, best first. Several operands are joined with blanks.",
-       {{"--limit", "N", "print at most N hits (default 20)"}}},
-      {"bench", "", 0, 0, "run the benchmarks and print one table",
-       "Runs every *_bench program of the build's bench/ folder and an indexing\n"
-       "benchmark of its own (walk + extract, staging build, swap), and prints one\n"
-       "table: each figure, its peer measured in the same run, the ratio and the\n"
-       "target.",
-       {{"--bench-dir", "DIR", "where the *_bench programs are (default: bench/ of this build)"},
-        {"--tree", "PATH", "the tree the indexing benchmark indexes (default /usr/include)"},
-        {"--no-index", "", "leave out the indexing benchmark"}}},
-  };
-  return specs;
-}
-
-const CommandSpec* find_command(const std::string& name) {
-  for (const auto& cmd_spec : command_specs()) {
-    if (cmd_spec.name == name) return &cmd_spec;
-  }
-  return nullptr;
 }
 
 std::optional<std::string> Invocation::value(const std::string& name) const {
@@ -112,127 +137,114 @@ std::int64_t Invocation::int_value(const std::string& name, std::int64_t fallbac
   if (ec != std::errc() || ptr != end || text->empty() || v < min || v > max) {
     std::string range = "from " + std::to_string(min);
     if (max != std::numeric_limits<std::int64_t>::max()) range += " to " + std::to_string(max);
-    throw UsageError(name + " needs a whole number " + range + ", not '" + *text + "'", command);
+    throw UsageError(name + " needs a whole number " + range + ", not '" + *text + "'", command ? command->name : "");
   }
   return v;
 }
 
-Invocation parse_args(const std::vector<std::string>& args) {
+Invocation parse_args(const std::vector<CommandSpec>& commands, const std::vector<std::string>& args) {
   Invocation inv;
-  const CommandSpec* cmd_spec = nullptr;
-  // Options seen before the command is known are checked once it is.
-  std::vector<std::string> early;
-  auto lookup = [&](const std::string& name) -> const OptionSpec* {
-    for (const auto& o : global_options()) {
-      if (o.name == name) return &o;
+  CLI::App app(kToolDescription, "quorvi-db");
+  app.formatter(std::make_shared<Formatter>(commands));
+  app.footer("`quorvi-db COMMAND --help` describes a command.\n\n" + exit_code_help());
+  app.set_help_flag("-h,--help", "show help and exit");
+  app.require_subcommand(0, 1);
+
+  // Each option is bound to its own string, since a global option may appear
+  // on both sides of the command.
+  struct Bound {
+    std::string name;
+    CLI::Option* option;
+    bool flag;
+    const CommandSpec* command;  // the command it was given for; none for the top level
+    std::string value;
+  };
+  std::vector<std::unique_ptr<Bound>> bound;
+  auto add = [&](CLI::App& to, const OptionSpec& o, const CommandSpec* command, bool hidden) {
+    auto b = std::make_unique<Bound>();
+    b->name = o.name.substr(o.name.rfind(',') == std::string::npos ? 0 : o.name.rfind(',') + 1);
+    b->command = command;
+    b->flag = o.value_name.empty();
+    if (b->flag) {
+      b->option = to.add_flag(o.name)->description(narrow(o.help))->disable_flag_override();
+    } else {
+      b->option = to.add_option(o.name, b->value, narrow(o.help))->type_name(o.value_name);
+      b->option->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     }
-    if (cmd_spec) {
-      for (const auto& o : cmd_spec->options) {
-        if (o.name == name) return &o;
-      }
+    if (hidden) b->option->group("");
+    bound.push_back(std::move(b));
+  };
+  for (const auto& o : global_options()) add(app, o, nullptr, false);
+  // A command's option may also come before the command's name; it is
+  // checked against the command once that is known.
+  std::set<std::string> early;
+  for (const auto& c : commands) {
+    for (const auto& o : c.options) {
+      if (early.insert(o.name).second) add(app, o, nullptr, true);
+    }
+  }
+  std::vector<std::pair<const CommandSpec*, CLI::App*>> subs;
+  for (const auto& c : commands) {
+    auto* sub = app.add_subcommand(c.name, c.description + "\n")->group(group_of(c.access));
+    if (!c.operands.empty()) {
+      std::string name = c.operands;
+      std::erase_if(name, [](char ch) { return ch == '[' || ch == ']' || ch == '.'; });
+      sub->add_option(name, inv.operands)->group("")->expected(0, 1 << 20);  // counted below
+    }
+    for (const auto& o : c.options) add(*sub, o, &c, false);
+    for (const auto& o : global_options()) add(*sub, o, &c, false);
+    subs.emplace_back(&c, sub);
+  }
+
+  // CLI11 hands a `--` inside a command back to the top level once the
+  // command has an operand, so what follows it is taken here.
+  const auto dashes = std::find(args.begin(), args.end(), "--");
+  std::vector<std::string> reversed(args.begin(), dashes);
+  std::reverse(reversed.begin(), reversed.end());
+  auto chosen = [&]() -> const CommandSpec* {
+    for (const auto& [c, sub] : subs) {
+      if (sub->parsed()) return c;
     }
     return nullptr;
   };
-  bool options_done = false;
-  for (std::size_t i = 0; i < args.size(); ++i) {
-    const std::string& arg = args[i];
-    if (!options_done && arg == "--") {
-      options_done = true;
-      continue;
+  try {
+    app.parse(reversed);
+  } catch (const CLI::CallForHelp&) {
+    inv.command = chosen();
+    inv.help = app.help();
+    return inv;
+  } catch (const CLI::ParseError& e) {
+    const auto* c = chosen();
+    const auto rest = app.remaining();
+    if (!c && !rest.empty() && !rest.front().starts_with("-")) {
+      throw UsageError("unknown command '" + rest.front() + "'");
     }
-    if (!options_done && arg.size() > 1 && arg[0] == '-') {
-      std::string name = arg;
-      std::optional<std::string> inline_value;
-      if (name == "-h") name = "--help";
-      if (name == "-v") name = "--verbose";
-      if (auto eq = name.find('='); name.starts_with("--") && eq != std::string::npos) {
-        inline_value = name.substr(eq + 1);
-        name.resize(eq);
-      }
-      const OptionSpec* opt = lookup(name);
-      if (!opt && !cmd_spec) {
-        // Possibly an option of a command still to come: it takes a value
-        // when any command's option of that name does.
-        for (const auto& s : command_specs()) {
-          for (const auto& o : s.options) {
-            if (o.name == name) opt = &o;
-          }
-        }
-        if (opt) early.push_back(name);
-      }
-      if (!opt) throw UsageError("unknown option " + name, cmd_spec ? cmd_spec->name : "");
-      if (opt->value_name.empty()) {
-        if (inline_value) throw UsageError(name + " takes no value", cmd_spec ? cmd_spec->name : "");
-        if (name == "--help") inv.help = true;
-        inv.flags.insert(name);
-        continue;
-      }
-      if (!inline_value) {
-        if (i + 1 >= args.size()) throw UsageError(name + " needs a value (" + opt->value_name + ")", cmd_spec ? cmd_spec->name : "");
-        inline_value = args[++i];
-      }
-      inv.values[name] = *inline_value;
-      continue;
-    }
-    if (!cmd_spec) {
-      cmd_spec = find_command(arg);
-      if (!cmd_spec) throw UsageError("unknown command '" + arg + "'");
-      inv.command = cmd_spec->name;
-      continue;
-    }
-    inv.operands.push_back(arg);
+    throw UsageError(e.what(), c ? c->name : "");
   }
-  if (!cmd_spec) {
-    if (inv.help) return inv;
-    throw UsageError("no command given");
-  }
-  for (const auto& name : early) {
-    if (!std::any_of(cmd_spec->options.begin(), cmd_spec->options.end(), [&](const OptionSpec& o) { return o.name == name; })) {
-      throw UsageError("unknown option " + name + " for " + cmd_spec->name, cmd_spec->name);
+  inv.command = chosen();
+  if (!inv.command) throw UsageError("no command given");
+  const auto& cmd = *inv.command;
+  if (dashes != args.end()) inv.operands.insert(inv.operands.end(), dashes + 1, args.end());
+
+  for (const auto& b : bound) {
+    if (b->option->count() == 0 || (b->command && b->command != &cmd)) continue;
+    const bool own = std::any_of(cmd.options.begin(), cmd.options.end(), [&](const OptionSpec& o) { return o.name == b->name; });
+    const bool global = std::any_of(global_options().begin(), global_options().end(),
+                                    [&](const OptionSpec& o) { return o.name.ends_with(b->name); });
+    if (!own && !global) throw UsageError("unknown option " + b->name + " for " + cmd.name, cmd.name);
+    // The top level's come first, so a value given after the command wins.
+    if (b->flag) {
+      inv.flags.insert(b->name);
+    } else {
+      inv.values[b->name] = b->value;
     }
   }
-  if (inv.help) return inv;
-  if (inv.operands.size() < cmd_spec->min_operands) {
-    throw UsageError(cmd_spec->name + " needs " + cmd_spec->operands, cmd_spec->name);
-  }
-  if (inv.operands.size() > cmd_spec->max_operands) {
-    throw UsageError("too many operands for " + cmd_spec->name + ": '" + inv.operands[cmd_spec->max_operands] + "'",
-                     cmd_spec->name);
+  if (auto db = inv.value("--db"); db && db->empty()) throw UsageError("--db needs a file name, not ''", cmd.name);
+  if (inv.operands.size() < cmd.min_operands) throw UsageError(cmd.name + " needs " + cmd.operands, cmd.name);
+  if (inv.operands.size() > cmd.max_operands) {
+    throw UsageError("too many operands for " + cmd.name + ": '" + inv.operands[cmd.max_operands] + "'", cmd.name);
   }
   return inv;
-}
-
-std::string tool_help() {
-  std::string out =
-      "Usage: quorvi-db [OPTIONS] COMMAND [ARGS]\n"
-      "\n"
-      "Builds, inspects and maintains the code index of one repository\n"
-      "(REPO/memory/codebase-index/index.db), the file the indexing service keeps.\n"
-      "Every command opens the index the way the service does and so brings an\n"
-      "index made by an older build up to date.\n"
-      "\n"
-      "Commands:\n";
-  for (const auto& cmd_spec : command_specs()) {
-    std::string head = "  " + cmd_spec.name + (cmd_spec.operands.empty() ? "" : " " + cmd_spec.operands);
-    if (head.size() < 24) head.resize(24, ' ');
-    else head += "  ";
-    out += head + cmd_spec.summary + "\n";
-  }
-  out += "\nOptions:\n";
-  for (const auto& o : global_options()) out += option_line(o);
-  out += "\n`quorvi-db COMMAND --help` describes a command.\n\n";
-  out += kExitCodes;
-  return out;
-}
-
-std::string command_help(const CommandSpec& cmd_spec) {
-  std::string out = "Usage: quorvi-db " + cmd_spec.name + (cmd_spec.options.empty() ? "" : " [OPTIONS]") +
-                    (cmd_spec.operands.empty() ? "" : " " + cmd_spec.operands) + "\n\n" + cmd_spec.description + "\n\nOptions:\n";
-  for (const auto& o : cmd_spec.options) out += option_line(o);
-  for (const auto& o : global_options()) out += option_line(o);
-  out += "\n";
-  out += kExitCodes;
-  return out;
 }
 
 }  // namespace marsk_quorvi::cli

@@ -1,5 +1,6 @@
-// The command line of quorvi-db: its commands, their options, the help
-// texts and the exit codes.
+// The command line of quorvi-db: exit codes, the shape of the command table
+// and its parsing. The table itself (with each command's handler) lives with
+// the commands; parsing, help and dispatch all come from it.
 #pragma once
 
 #include <cstdint>
@@ -13,16 +14,24 @@
 
 namespace marsk_quorvi::cli {
 
-// Exit codes, each documented in the tool's help.
+// Exit codes, each documented in the tool's help (exit_code_help).
 enum ExitCode : int {
   EXIT_OK = 0,
   EXIT_CHECK_FAILED = 1,  // the integrity check failed
-  EXIT_BAD_ARGUMENT = 2,  // usage errors, a malformed search query
+  EXIT_BAD_ARGUMENT = 2,  // usage errors, a malformed or oversized search query
   EXIT_MISSING = 3,       // a file or folder that must exist does not
   EXIT_LOCKED = 4,        // another process holds the index past the wait
   EXIT_CORRUPT = 5,       // not a database, or a damaged one
   EXIT_FAILED = 6,        // anything else (I/O, ctags, a failing benchmark)
+  EXIT_NOT_INDEX = 7,     // a database without the index's tables
+  EXIT_PERMISSION = 8,    // the operating system refused access
 };
+
+// The "Exit status:" part of every help text.
+std::string exit_code_help();
+
+// What a command may do to the index file; the help groups commands by it.
+enum class Access { reads, writes, none };
 
 struct OptionSpec {
   std::string name;        // "--db"
@@ -30,20 +39,22 @@ struct OptionSpec {
   std::string help;
 };
 
+struct Context;  // a running command's invocation and streams (commands.cpp)
+
 struct CommandSpec {
   std::string name;
-  std::string operands;  // usage text of the operands: "[REPO]", "TEXT..."
+  std::string operands;  // usage text of the operands: "[REPO]", "TEXT...", "STAGING"
   std::size_t min_operands = 0;
   std::size_t max_operands = 0;
   std::string summary;      // one line for the tool's help
   std::string description;  // the command's own help
   std::vector<OptionSpec> options;
+  Access access = Access::none;
+  int (*run)(Context&) = nullptr;
 };
 
-// Options every command takes.
+// Options every command takes, before or after its name.
 const std::vector<OptionSpec>& global_options();
-const std::vector<CommandSpec>& command_specs();
-const CommandSpec* find_command(const std::string& name);
 
 // A bad command line. `command` is the command it concerns, empty when none
 // was recognised; the message says what is wrong.
@@ -58,8 +69,8 @@ class UsageError : public std::runtime_error {
 };
 
 struct Invocation {
-  std::string command;  // empty with --help and no command
-  bool help = false;
+  const CommandSpec* command = nullptr;  // none with --help and no command
+  std::string help;                      // the help text asked for with --help
   std::map<std::string, std::string> values;  // options with a value
   std::set<std::string> flags;
   std::vector<std::string> operands;
@@ -72,13 +83,11 @@ struct Invocation {
                          std::int64_t max = std::numeric_limits<std::int64_t>::max()) const;
 };
 
-// Global options and the command's options may come before or after the
-// command, as `--name VALUE` or `--name=VALUE`; `--` ends the options.
-// Raises UsageError for an unknown command or option, a missing value, or
-// too few or too many operands (not with --help).
-Invocation parse_args(const std::vector<std::string>& args);
-
-std::string tool_help();
-std::string command_help(const CommandSpec& cmd_spec);
+// Parses `args` (without the program name) against `commands`. Global
+// options go anywhere; a command's options after its name (or before it,
+// when that command has them); `--` ends the options. Raises UsageError for
+// an unknown command or option, a missing value, an empty --db, or too few
+// or too many operands. With --help, returns with `help` set instead.
+Invocation parse_args(const std::vector<CommandSpec>& commands, const std::vector<std::string>& args);
 
 }  // namespace marsk_quorvi::cli

@@ -4,8 +4,6 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <string>
-#include <vector>
 
 #include "marsk_quorvi/storage/database.hpp"
 #include "quorvi/ctags.hpp"
@@ -30,20 +28,26 @@ struct IndexPass {
   std::size_t file_errors = 0;
   std::int64_t tags = 0;
   StagingCounts staging;
-  storage::RowCounts rows;   // what the swap inserted, per table
+  storage::RowCounts rows;  // what the swap inserted, per table
   std::int64_t generation = 0;
-  // The lines the swap's own compaction logged ("Compacted ...", "Compaction
-  // of ... skipped: ..."); empty when it found too little to release.
-  std::vector<std::string> compaction;
+  // The live file's pages before the swap and after it, with the compaction
+  // that ends every swap.
+  storage::PageCounts before, after;
   double walk_extract_seconds = 0;
   double staging_seconds = 0;
   double swap_seconds = 0;
 };
 
-// Runs a pass over `repo` into the open `db` (whose extractor stamp the
-// caller has refreshed). The staging file is removed afterwards, also when
-// the pass fails; a failed pass leaves the live index as it was.
-IndexPass run_index_pass(storage::Database& db, const std::filesystem::path& repo, const Ctags* ctags,
-                         const ExtractOptions& options, Progress& progress);
+// Walks `repo`, extracts and builds the staging index at `staging`, leaving
+// out the index file `db_path` and the files beside it that share its name.
+// Raises, before anything is swapped, when the repository's root cannot be
+// listed: a walk that sees nothing must not replace a good index.
+void build_pass(IndexPass& pass, const std::filesystem::path& repo, const std::filesystem::path& db_path,
+                const std::filesystem::path& staging, const Ctags* ctags, const ExtractOptions& options,
+                Progress& progress);
+
+// Replaces the index in `db` (whose extractor stamp the caller has
+// refreshed) with `staging`; a failed swap leaves the live index as it was.
+void swap_pass(IndexPass& pass, storage::Database& db, const std::filesystem::path& staging, Progress& progress);
 
 }  // namespace marsk_quorvi::cli

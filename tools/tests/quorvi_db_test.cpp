@@ -3,13 +3,20 @@
 // for ctags extracts) and the real executable on a repository made here.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <pty.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <fstream>
 
 #include "marsk_quorvi/errors.hpp"
 #include "marsk_quorvi/storage/core_schema.hpp"
 #include "quorvi/gitignore.hpp"
+#include "quorvi/index_pass.hpp"
 #include "quorvi/language.hpp"
 #include "quorvi/source_file.hpp"
 #include "quorvi/staging.hpp"
@@ -187,23 +194,95 @@ TEST_F(QuorviDb, IncludesAndImportsResolveToFilesOfTheRepository) {
 
 #ifdef QUORVI_DB_EXE
 
+namespace {
+
+// One run of the executable: `env` before the test's environment, as nobody
+// when `unprivileged` and the test runs as root, standard output on a
+// terminal when `tty`.
+struct Case {
+  std::vector<std::string> args;
+  int status;
+  ::testing::Matcher<const std::string&> out = ::testing::_;
+  ::testing::Matcher<const std::string&> err = "";
+  std::vector<std::string> env = {};
+  bool unprivileged = false, tty = false;
+};
+
+std::string slurp(const fs::path& p) {
+  std::ifstream f(p, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(f), {});
+}
+
+// A started run; `wait` gives its exit status (128 + the signal that ended
+// it) and what it wrote.
+struct Child {
+  pid_t pid;
+  int terminal;
+  fs::path out, err;
+  std::tuple<int, std::string, std::string> wait() const {
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    std::string shown;
+    char buf[4096];
+    for (ssize_t n; terminal >= 0 && (n = ::read(terminal, buf, sizeof buf)) > 0;) shown.append(buf, static_cast<std::size_t>(n));
+    if (terminal >= 0) ::close(terminal);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), terminal >= 0 ? shown : slurp(out), slurp(err)};
+  }
+};
+
+Child start(const Case& c, const fs::path& dir) {
+  static int runs = 0;
+  Child child{0, -1, dir / ("out." + std::to_string(++runs)), dir / ("err." + std::to_string(runs))};
+  const int out = ::open(child.out.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  const int err = ::open(child.err.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+  int slave = -1;
+  termios raw{};
+  ::cfmakeraw(&raw);
+  if (c.tty) ::openpty(&child.terminal, &slave, nullptr, &raw, nullptr);
+  std::vector<std::string> args{QUORVI_DB_EXE}, env = c.env;
+  args.insert(args.end(), c.args.begin(), c.args.end());
+  for (char** e = environ; *e; ++e) env.emplace_back(*e);
+  auto pointers = [](std::vector<std::string>& v) {
+    std::vector<char*> p;
+    for (auto& s : v) p.push_back(s.data());
+    return p.push_back(nullptr), p;
+  };
+  auto argv = pointers(args), envp = pointers(env);
+  const bool drop = c.unprivileged && ::geteuid() == 0;
+  child.pid = ::fork();
+  if (child.pid == 0) {
+    ::dup2(c.tty ? slave : out, 1);
+    ::dup2(err, 2);
+    if (drop && (::setgroups(0, nullptr) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0)) ::_exit(125);
+    ::execve(argv[0], argv.data(), envp.data());
+    ::_exit(127);
+  }
+  for (int fd : {out, err, slave}) ::close(fd);
+  return child;
+}
+
+void run(const Case& c, const fs::path& dir) {
+  const auto [status, out, err] = start(c, dir).wait();
+  SCOPED_TRACE(::testing::PrintToString(c.args));
+  EXPECT_EQ(status, c.status);
+  EXPECT_THAT(out, c.out);
+  EXPECT_THAT(err, c.err);
+}
+
+// Every command that only reads, on an index of a.c ("int alpha;").
+void reads_answer(const fs::path& db, const fs::path& dir, bool unprivileged) {
+  const std::pair<std::vector<std::string>, std::string> reads[] = {
+      {{"stats"}, "\nlast index: 20"}, {{"check"}, "ok\n"}, {{"generation"}, "1\n"},
+      {{"errors"}, "0 files with errors (0 rows)\n"}, {{"search", "alpha"}, "a.c:1  int alpha;\n"}};
+  for (auto [args, out] : reads) {
+    args.insert(args.end(), {"--db", db});
+    run({args, 0, HasSubstr(out), "", {}, unprivileged}, dir);
+  }
+}
+
+}  // namespace
+
 TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
-  struct Case {
-    std::vector<std::string> args;
-    int status;
-    ::testing::Matcher<const std::string&> out;
-    ::testing::Matcher<const std::string&> err = "";
-  };
-  const auto run = [](const Case& c) {
-    std::vector<std::string> argv{QUORVI_DB_EXE};
-    argv.insert(argv.end(), c.args.begin(), c.args.end());
-    std::string out;
-    const auto r = run_process(argv, [&](std::string_view line) { (out += line) += "\n"; });
-    SCOPED_TRACE(::testing::PrintToString(c.args));
-    EXPECT_EQ(r.exit_code, c.status);
-    EXPECT_THAT(out, c.out);
-    EXPECT_THAT(r.err, c.err);
-  };
   const fs::path repo = path("repo"), db = repo / "memory/codebase-index/index.db";
   write(repo / ".gitignore", "*.log\n/generated/\n!keep.log\n");
   write(repo / "src/shapes.py", "class Rectangle:\n    def area(self):\n        return 42\n");
@@ -229,10 +308,10 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
   fs::create_symlink(repo / "fifo.c", repo / "fifo_link.c");  // a second name of a file inside: left out
   run({{"index", repo.string(), "--max-file-size", "9000"}, 0,
        AllOf(StartsWith("indexed " + fs::canonical(repo).string() + " into " + db.string() + "\n"),
-             HasSubstr("14 files walked, 11 indexed, 4 with errors, 8 symbols (ctags "),
-             ContainsRegex(R"(symbols \(ctags [0-9]+\.[0-9]+\.[0-9]+\) in )"),
-             HasSubstr("\nstaging build:  12 chunks in "),
-             EndsWith("generation: 1\ncompaction: nothing to release\n"))});
+             ContainsRegex("14 files walked, 11 indexed, 4 with errors, 8 symbols \\(ctags [0-9]+\\.[0-9]+\\.[0-9]+\\)"),
+             HasSubstr("\nstaging build:  12 chunks in "), HasSubstr("  symbols           19 (8 symbols, 11 file anchors)\n"),
+             HasSubstr("\ngeneration: 1\nfile: "))},
+      dir_);
 
   EXPECT_EQ(rows_of(db, "SELECT group_concat(path || ':' || language || ':' || size || ':' || ifnull(component_id, '-')"
                         " || ':' || (mtime > 1e9), ' ') FROM (SELECT * FROM files ORDER BY id)"),
@@ -253,14 +332,19 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
   EXPECT_EQ(rows_of(db, "SELECT rowid & 1048575, start_line, end_line FROM code_chunks WHERE rowid >> 20 = 8"),
             "0|1|60\n1|61|120\n2|121|125\n");
 
-  const fs::path bad = path("bad.db"), other = path("other.db"), none = path("none.db"), bench = path("bench");
-  fs::copy_file(db, bad);
+  const fs::path bad = path("bad.db"), other = path("other.db"), none = path("none.db"), bench = path("bench"),
+                 old = path("old.db"), foreign = path("foreign.db"), garbage = path("garbage.db"), empty = path("empty.db");
+  for (const auto& copy : {bad, other, old}) fs::copy_file(db, copy);
+  // A file of an older build, and one of another program with a table named like one of the index's.
+  storage::Connection::open(old.string())
+      ->executescript("ALTER TABLE index_errors DROP COLUMN line; UPDATE schema_info SET value = '2.0.0' WHERE key = 'version'");
+  storage::Connection::open(foreign.string())->executescript("CREATE TABLE files(x); INSERT INTO files VALUES (1)");
   storage::Connection::open(bad.string())
       ->executescript("CREATE TABLE t(a, b); INSERT INTO t VALUES (1, 2), (3, 4); CREATE INDEX ti ON t(a); "
                       "PRAGMA writable_schema=ON; UPDATE sqlite_master SET sql = 'CREATE INDEX ti ON t(b)' "
                       "WHERE name = 'ti'");
-  write(path("garbage.db"), std::string(8192, 'x'));
-  write(path("empty.db"), "");
+  write(garbage, std::string(8192, 'x'));
+  write(empty, "");
   write(bench / "a_bench",
         "#!/bin/sh\necho warming up\nprintf 'BENCH\\t%s\\t3\\ts\\tcp\\t2\\t1.500\\t%s\\n' le '<= 1.5' lt '< 1.5' "
         "ge '>= 2' uge '\u2265 1.5' gt 'ratio > 1x' ule '\u2264 1.4' word fast soon '<= soon'\n"
@@ -288,12 +372,24 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
        AllOf(HasSubstr("\n  files       11\n  symbols     8\n"), HasSubstr("errors: 4\ngeneration: 1\nsize: "),
              HasSubstr("free)\nlast index: 20"))},
       {{"check", "--db", d}, 0, "ok\n"},
-      {{"compact", "--db", d}, 0, "compaction: nothing to release\n"},
+      {{"compact", "--db", d}, 0, StartsWith("compaction: nothing to release\nfile: ")},
       {{"check", "--db", bad}, 1, StartsWith("integrity check failed:\n  row 1 missing from index ti\n  row 2")},
-      {{"stats", "--db", path("garbage.db")}, 5, "", "quorvi-db: stats: file is not a database (the file is damaged or "
-                                                     "not an index; `quorvi-db index` rebuilds it)\n"},
-      {{"stats", "--db", none}, 3, "",
-       "quorvi-db: no index at " + none.string() + " (build one with `quorvi-db index`, or name the file with --db)\n"},
+      {{"stats", "--db", garbage}, 5, "", "quorvi-db: stats: file is not a database (the file is damaged or not a "
+                                          "database; `quorvi-db index REPO --db " + garbage.string() + "` moves it "
+                                          "aside and builds a new index)\n"},
+      {{"index", repo, "--db", garbage}, 0, HasSubstr("\ngeneration: 1\n"),  // the hint, taken
+       ::testing::ContainsRegex("^quorvi-db: index: " + garbage.string() + " is damaged \\(file is not a database\\); moved it "
+                     "aside as " + garbage.string() + "\\.damaged-[0-9]{8}T[0-9]{6}Z and building a new index\n$")},
+      {{"stats", "--db", garbage}, 0, HasSubstr("\ngeneration: 1\n")},
+      {{"stats", "--db", old}, 0, HasSubstr("\n  files       11\n")},  // read as it is where it can be
+      {{"errors", "--db", old}, 6, "", "quorvi-db: errors: the index at " + old.string() + " was made by an older "
+                                       "build (index_errors has no column line); `quorvi-db index REPO --db " +
+                                       old.string() + "` upgrades it\n"},
+      {{"index", repo, "--db", old}, 0},
+      {{"errors", "--db", old}, 0, HasSubstr(" files with errors (")},
+      {{"search", std::string(4097, 'a'), "--db", d}, 2, "", usage("search query too long: 1 terms, 4097 bytes; at most "
+                                                                   "64 terms and 4096 bytes", "search ")},
+      {{"search", long_text.substr(0, 255), "--db", d}, 2, "", HasSubstr(": 66 terms, 255 bytes;")},
       {{"swap", none, "--db", d}, 3, "", "quorvi-db: no staging file at " + none.string() + "\n"},
       {{"index", "-"}, 3, "", "quorvi-db: no repository folder at -\n"},
       {{"bench", "--bench-dir", none}, 3, "", StartsWith("quorvi-db: no benchmark folder at " + none.string() + " (")},
@@ -314,32 +410,134 @@ TEST_F(QuorviDb, IndexesARepositoryAndAnswersEveryCommand) {
       {{"search", "--db", d, "--", "--db"}, 2, "", StartsWith("quorvi-db: malformed search query '--db': ")},
       {{}, 2, "", usage("no command given", "")},
       {{"frobnicate"}, 2, "", usage("unknown command 'frobnicate'", "")},
-      {{"--bogus", "stats"}, 2, "", usage("unknown option --bogus", "")},
-      {{"stats", "--bogus"}, 2, "", usage("unknown option --bogus", "stats ")},
+      {{"--bogus", "stats"}, 2, "", usage("The following argument was not expected: --bogus", "stats ")},
+      {{"stats", "--bogus"}, 2, "", usage("The following argument was not expected: --bogus", "stats ")},
       {{"--limit", "3", "stats"}, 2, "", usage("unknown option --limit for stats", "stats ")},
       {{"index", "a", "b"}, 2, "", usage("too many operands for index: 'b'", "index ")},
       {{"swap"}, 2, "", usage("swap needs STAGING", "swap ")},
-      {{"stats", "--db"}, 2, "", usage("--db needs a value (PATH)", "stats ")},
-      {{"stats", "--verbose=yes"}, 2, "", usage("--verbose takes no value", "stats ")},
+      {{"stats", "--db"}, 2, "", usage("--db: 1 required PATH missing", "stats ")},
+      {{"stats", "--verbose=yes"}, 2, "", usage("verbose was given a disallowed flag override", "stats ")},
       {{"errors", "--limit=0"}, 2, "", usage("--limit needs a whole number from 1, not '0'", "errors ")},
       {{"errors", "--limit", "5x"}, 2, "", usage("--limit needs a whole number from 1, not '5x'", "errors ")},
-      {{"errors", "--limit="}, 2, "", usage("--limit needs a whole number from 1, not ''", "errors ")},
+      {{"errors", "--limit="}, 2, "", usage("--limit: 1 required N missing", "errors ")},
       {{"index", "--jobs", "257"}, 2, "", usage("--jobs needs a whole number from 0 to 256, not '257'", "index ")},
       {{"-h"}, 0, AllOf(StartsWith("Usage: quorvi-db [OPTIONS] COMMAND [ARGS]\n"), HasSubstr("\n  bench  "),
-                        HasSubstr("\n  4  locked file: "), HasSubstr("\n  6  any other failure"))},
+                        HasSubstr("Commands that write the index:\n  index [REPO]  "), HasSubstr("\n  8  permission denied: "),
+                        HasSubstr("Commands that only read the index (it is opened read-only):\n  stats  "))},
       {{"search", "--help"}, 0, AllOf(StartsWith("Usage: quorvi-db search [OPTIONS] TEXT...\n"),
                                       HasSubstr("\n  --limit N  "), HasSubstr("\n  --db PATH  "))},
-      {{"swap", d, "--db", other, "-v"}, 0, EndsWith("\n  code_chunks       12\ngeneration: 1\n"),
+      {{"swap", d, "--db", other, "-v"}, 0, EndsWith("\n  code_chunks       12\ngeneration: 2\n"),
        HasSubstr(" info marsk_quorvi.storage.database: swap_index_from: replaced live index from " + d)},
-      {{"swap", d, "--db", other}, 0, EndsWith("\ngeneration: 2\n")},  // info lines only with --verbose
+      {{"swap", d, "--db", other}, 0, EndsWith("\ngeneration: 3\n")},  // info lines only with --verbose
       {{"clear", "--db", other}, 0, StartsWith("cleared " + other.string() + ":\n  files       11\n  symbols     8\n")},
       {{"index", repo, "--jobs", "256"}, 0, HasSubstr("14 files walked, 12 indexed, 3 with errors, 6 symbols (ctags ")},
       {{"generation", "--db", d}, 0, "2\n"},
       {{"search", "spin_turbine", "--db", d}, 0, "", "no hits for 'spin_turbine'\n"},
       {{"search", "spin_rotor", "--db", d}, 0, "lib/engine.cpp:1  int spin_rotor(int rpm) {\n"},
   };
-  for (const auto& c : cases) run(c);
-  EXPECT_FALSE(fs::exists(none));  // commands that only read never create an index
+  for (const auto& c : cases) run(c, dir_);
+  const auto foreign_bytes = slurp(foreign);
+  // Only `index` makes an index file, and none turns another file into one.
+  for (std::vector<std::string> args : std::initializer_list<std::vector<std::string>>{
+           {"stats"}, {"check"}, {"generation"}, {"errors"}, {"search", "x"}, {"compact"}, {"clear"}, {"swap", d}, {"index", repo}}) {
+    const auto cmd = args[0];
+    args.insert(args.end(), {"--db", ""});
+    run({args, 2, "", usage("--db needs a file name, not ''", cmd + " ")}, dir_);
+    for (const auto& file : {none, empty, foreign}) {
+      if (cmd == "index" && file != foreign) continue;
+      args.back() = file;
+      run({args, file == none ? 3 : 7, "",
+           StartsWith(file == none ? "quorvi-db: no index at " + none.string() + " (build one with `quorvi-db index "
+                                     "REPO --db " + none.string() + "`, or"
+                                   : "quorvi-db: " + cmd + ": not an index: '" + file.string() + "' ")},
+          dir_);
+    }
+  }
+  EXPECT_FALSE(fs::exists(none));
+  EXPECT_EQ(slurp(empty) + slurp(foreign), foreign_bytes);
+  for (const auto& e : fs::directory_iterator(dir_))
+    if (e.path().string().find(".damaged-") != std::string::npos) EXPECT_EQ(slurp(e.path()), std::string(8192, 'x'));
+}
+
+
+TEST_F(QuorviDb, WritesOnlyWhereAskedAndReadsWhatItMayOnlyRead) {
+  const fs::path repo = path("repo"), outside = path("outside"), shared = path("shared"), db = shared / "index.db";
+  write(repo / "a.c", "int alpha;\n");
+  fs::create_directories(outside / "codebase-index");
+  // The repository decides what lies on the way to its default index.
+  const std::pair<std::string, fs::path> links[] = {{"memory", outside},
+                                                    {"memory/codebase-index", outside / "codebase-index"},
+                                                    {"memory/codebase-index/index.db", outside / "program.db"},
+                                                    {"memory/codebase-index/index.db-wal", outside / "program.db"}};
+  for (const auto& [link, target] : links) {
+    fs::remove_all(repo / "memory");
+    fs::create_directories((repo / link).parent_path());
+    fs::create_symlink(target, repo / link);
+    run({{"index", repo}, 6, "", HasSubstr(link + " is a symbolic link (to " + target.string() + "): the default index")}, dir_);
+  }
+  EXPECT_EQ(std::distance(fs::recursive_directory_iterator(outside), {}), 1);  // the empty folder
+  fs::remove(repo / links[3].first);
+  fs::create_symlink(links[2].second, repo / links[2].first);
+  run({{"index", repo, "--db", repo / links[2].first}, 0}, dir_);  // named, so followed
+  EXPECT_TRUE(fs::exists(outside / "program.db"));
+
+  // A folder and an index the user may only read (run as nobody when the test is root).
+  fs::create_directories(shared);
+  fs::copy_file(outside / "program.db", db);
+  fs::permissions(db, fs::perms(0444));
+  fs::permissions(shared, fs::perms(0555));
+  const auto before = slurp(db);
+  reads_answer(db, dir_, true);
+  EXPECT_EQ(slurp(db), before);
+  run({{"clear", "--db", db}, 8, "", HasSubstr(" (permission denied on the index file or its folder)\n"), {}, true}, dir_);
+  fs::permissions(db, fs::perms::none);
+  run({{"stats", "--db", db}, 8, "", HasSubstr(" (permission denied on the index file or its folder)\n"), {}, true}, dir_);
+
+  // A root that cannot be listed fails the run before the swap.
+  for (const auto& p : {shared, db}) fs::permissions(p, fs::perms::all);
+  fs::permissions(repo, fs::perms::none);
+  run({{"index", repo, "--db", db}, 8, "", "quorvi-db: index: [Errno 13] Permission denied: '" +
+                                               fs::canonical(repo).string() + "'\n", {}, true}, dir_);
+  EXPECT_EQ(slurp(db), before);
+  fs::permissions(repo, fs::perms::all);
+}
+
+TEST_F(QuorviDb, OneIndexRunAtATimeReadersNeverWaitAndTerminalsSeeNoEscapes) {
+  const fs::path repo = path("repo"), db = path("index.db"), bin = path("bin"), mark = path("ctags.pid");
+  write(repo / "a.c", "int alpha;\n");
+  write(repo / "e\x1b[31m.c", "int \x1b]0;title\x07 x;\n");
+  run({{"index", repo, "--db", db}, 0}, dir_);
+  run({{"search", "title", "--db", db}, 0, "e\\x1b[31m.c:1  int \\x1b]0;title\\x07 x;\n", "", {}, false, true}, dir_);
+  run({{"search", "title", "--db", db}, 0, "e\x1b[31m.c:1  int \x1b]0;title\x07 x;\n"}, dir_);  // not a terminal
+
+  // Reads answer at once while this process holds a write transaction.
+  storage::Database writer(db);
+  open_like_the_service(writer);
+  writer.transaction([&](storage::Cursor& c) {
+    c.execute("DELETE FROM index_errors");
+    reads_answer(db, dir_, false);
+  });
+
+  // A run held up in ctags keeps the lock; a signal ends it and its staging file.
+  write(bin / "ctags", "#!/bin/sh\ncase \"$*\" in *--version*) echo 'Universal Ctags 5.9.0, +json'; exit 0;; esac\n"
+                       "echo $$ > " + mark.string() + "\nexec sleep 60\n", true);
+  const std::string path_env = "PATH=" + bin.string() + ":" + std::getenv("PATH");
+  for (const int sig : {SIGTERM, SIGINT}) {
+    fs::remove(mark);
+    const auto first = start({{"index", repo, "--db", db}, 0, "", "", {path_env}}, dir_);
+    for (int i = 0; i < 3000 && slurp(mark).empty(); ++i) ::usleep(10000);
+    run({{"index", repo, "--db", db}, 4, "",
+         HasSubstr(": another `quorvi-db index` run (pid " + std::to_string(first.pid) + ") is writing "),
+         {"QUORVI_DB_LOCK_WAIT_MS=0"}}, dir_);
+    ::kill(first.pid, sig);
+    const auto [status, out, err] = first.wait();
+    EXPECT_EQ(status, 128 + sig);
+    EXPECT_EQ(err, "quorvi-db: index: interrupted; its staging file is removed\n");
+    ::kill(std::stoi(slurp(mark)), SIGKILL);
+    for (const auto& e : fs::directory_iterator(dir_)) EXPECT_THAT(e.path().string(), ::testing::Not(HasSubstr(".staging-")));
+    write(db.string() + ".staging-" + std::to_string(first.pid) + "-0", "as a killed run leaves it");
+  }
+  run({{"index", repo, "--db", db}, 0, HasSubstr("\nremoved 1 staging files of interrupted runs\n")}, dir_);
 }
 
 #endif  // QUORVI_DB_EXE
