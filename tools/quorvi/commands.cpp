@@ -216,16 +216,21 @@ int cmd_index(Context& ctx) {
   build_pass(pass, abs_repo, path, run.staging(), &ctags, options, progress);
   auto db = open_for_writing(ctx, path, true);
   db->refresh_extractor_stamp(extractor_versions(&ctags));
-  try {
-    swap_pass(pass, *db, run.staging(), progress);
-  } catch (const storage::Error& e) {
-    // Damage that opening did not reach: the new index goes into a new file.
-    if (!e.damaged()) throw;
-    db.reset();
-    set_aside(path, e.what(), ctx);
-    db = open_for_writing(ctx, path, true);
-    db->refresh_extractor_stamp(extractor_versions(&ctags));
-    swap_pass(pass, *db, run.staging(), progress);
+  if (pass.unchanged) {
+    pass.generation = db->index_generation();
+    pass.before = pass.after = db->page_counts();
+  } else {
+    try {
+      swap_pass(pass, *db, run.staging(), progress);
+    } catch (const storage::Error& e) {
+      // Damage that opening did not reach: the new index goes into a new file.
+      if (!e.damaged()) throw;
+      db.reset();
+      set_aside(path, e.what(), ctx);
+      db = open_for_writing(ctx, path, true);
+      db->refresh_extractor_stamp(extractor_versions(&ctags));
+      swap_pass(pass, *db, run.staging(), progress);
+    }
   }
   // When the index was last rebuilt, for the layers above.
   db->execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)",
@@ -237,8 +242,13 @@ int cmd_index(Context& ctx) {
   out << "walk + extract: " << pass.files_walked << " files walked, " << pass.files_indexed << " indexed, "
       << pass.file_errors << " with errors, " << pass.tags << " symbols (ctags " << version_text(ctags.version())
       << ") in " << seconds(pass.walk_extract_seconds) << "\n";
-  out << "staging build:  " << pass.staging.chunks << " chunks in " << seconds(pass.staging_seconds) << "\n";
-  out << "swap:           " << seconds(pass.swap_seconds) << "\n";
+  out << "re-used:        " << pass.files_reused << " unchanged files from the index\n";
+  if (pass.unchanged) {
+    out << "staging build:  none, nothing changed\nswap:           none\n";
+  } else {
+    out << "staging build:  " << pass.staging.chunks << " chunks in " << seconds(pass.staging_seconds) << "\n";
+    out << "swap:           " << seconds(pass.swap_seconds) << "\n";
+  }
   out << "rows:\n";
   // Each file has an anchor row in `symbols` that is no symbol of its own.
   print_rows(out, pass.rows,

@@ -10,7 +10,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <condition_variable>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <unordered_map>
 
@@ -24,11 +26,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct Batch {
-  std::size_t begin = 0, end = 0;  // range of walked.files
-  std::vector<FileRecord> files;
-  std::vector<FileError> errors;
-  std::int64_t ctags_runs = 0;
+struct Range {
+  std::size_t begin = 0, end = 0;  // of walked.files
 };
 
 // Whether ctags can be pointed at a file this process holds open: the link
@@ -84,15 +83,21 @@ class LinkFolder {
   fs::path dir_;
 };
 
+bool same_file(const FileRecord& record, const LiveFile& live) {
+  return record.size == live.size && record.mtime == live.mtime && record.hash == live.hash &&
+         record.language == live.language;
+}
+
 void extract_batch(const fs::path& repo, int root, const WalkResult& walked, const Ctags* ctags,
-                   std::int64_t max_bytes, Batch& batch) {
+                   std::int64_t max_bytes, const ReuseMap* reuse, Range range, ExtractedBatch& batch) {
+  batch.walked = range.end - range.begin;
   struct ToParse {
     std::size_t record;
     FileHandle file;
     std::string link;
   };
   std::vector<ToParse> to_parse;
-  for (std::size_t i = batch.begin; i < batch.end; ++i) {
+  for (std::size_t i = range.begin; i < range.end; ++i) {
     const auto& entry = walked.files[i];
     if (entry.kind == WalkEntry::Kind::other) {
       batch.errors.push_back({entry.path, IO_ERROR, "not a regular file: a " + entry.other_kind, std::nullopt});
@@ -108,10 +113,18 @@ void extract_batch(const fs::path& repo, int root, const WalkResult& walked, con
       continue;
     }
     if (by_text) record.language = language_of(entry.path, std::string_view(source.text).substr(0, 1024));
-    const bool parse = ctags && ctags_parser(record.language);
     record.path = entry.path;
     record.size = source.size;
     record.mtime = source.mtime;
+    record.hash = content_hash(source.text);
+    if (reuse) {
+      if (auto it = reuse->find(record.path); it != reuse->end() && same_file(record, it->second)) {
+        record.reuse_id = it->second.id;
+        batch.files.push_back(std::move(record));
+        continue;
+      }
+    }
+    const bool parse = ctags && ctags_parser(record.language);
     record.line_count = count_lines(source.text);
     record.text = std::move(source.text);
     if (parse) to_parse.push_back({batch.files.size(), std::move(source.file), {}});
@@ -221,8 +234,8 @@ std::vector<Import> take_imports(std::vector<Tag>& tags) {
   return imports;
 }
 
-Extraction extract(const fs::path& repo, const WalkResult& walked, const Ctags* ctags,
-                   const ExtractOptions& options) {
+void extract_batches(const fs::path& repo, const WalkResult& walked, const Ctags* ctags, const ExtractOptions& options,
+                     const std::function<void(ExtractedBatch&&)>& sink) {
   const auto max_bytes = options.max_file_bytes > 0 ? options.max_file_bytes : DEFAULT_MAX_FILE_BYTES;
   const FileHandle root(::open(repo.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!root) throw OSError("cannot open " + repo.string() + ": " + std::strerror(errno), errno, repo);
@@ -232,68 +245,95 @@ Extraction extract(const fs::path& repo, const WalkResult& walked, const Ctags* 
                                                                                     : options.batch_files));
   // Batches close on a file count or on a byte budget, whichever comes
   // first, so that one batch of huge files does not hold up the others.
-  std::vector<Batch> batches;
+  std::vector<Range> ranges;
   {
-    Batch current;
+    Range current;
     std::size_t bytes = 0;
     for (std::size_t i = 0; i < walked.files.size(); ++i) {
       bytes += static_cast<std::size_t>(std::max<std::int64_t>(0, walked.files[i].size));
       if (i - current.begin + 1 >= batch_files || bytes >= options.batch_bytes) {
         current.end = i + 1;
-        batches.push_back(std::move(current));
-        current = Batch{};
-        current.begin = i + 1;
+        ranges.push_back(current);
+        current = Range{i + 1, 0};
         bytes = 0;
       }
     }
     current.end = walked.files.size();
-    if (current.end > current.begin) batches.push_back(std::move(current));
+    if (current.end > current.begin) ranges.push_back(current);
   }
 
-  jobs = static_cast<unsigned>(std::min<std::size_t>(jobs, std::max<std::size_t>(1, batches.size())));
-  std::atomic<std::size_t> next{0};
-  std::atomic<std::size_t> done_files{0};
-  std::mutex progress_mu;
+  jobs = static_cast<unsigned>(std::min<std::size_t>(jobs, std::max<std::size_t>(1, ranges.size())));
+  const std::size_t ahead = options.ahead ? options.ahead : 2 * jobs;
+  // Batches are taken in order and handed over in order; a thread waits
+  // before taking one that would leave more than `ahead` done and waiting.
+  std::mutex mu;
+  std::condition_variable changed;
+  std::vector<std::optional<ExtractedBatch>> done(ranges.size());
+  std::size_t next = 0, handed = 0;
   std::exception_ptr failure;
-  std::mutex failure_mu;
   auto work = [&] {
     while (true) {
-      const auto b = next.fetch_add(1);
-      if (b >= batches.size()) return;
+      std::size_t b = 0;
       {
-        std::lock_guard lk(failure_mu);
-        if (failure) return;
+        std::unique_lock lk(mu);
+        changed.wait(lk, [&] { return failure || next >= ranges.size() || next < handed + ahead; });
+        if (failure || next >= ranges.size()) return;
+        b = next++;
       }
+      ExtractedBatch batch;
       try {
-        extract_batch(repo, root.get(), walked, ctags, max_bytes, batches[b]);
+        extract_batch(repo, root.get(), walked, ctags, max_bytes, options.reuse, ranges[b], batch);
       } catch (...) {
-        std::lock_guard lk(failure_mu);
+        std::lock_guard lk(mu);
         if (!failure) failure = std::current_exception();
+        changed.notify_all();
         return;
       }
-      const auto done = done_files.fetch_add(batches[b].end - batches[b].begin) + (batches[b].end - batches[b].begin);
-      if (options.on_progress) {
-        std::lock_guard lk(progress_mu);
-        options.on_progress(done, walked.files.size());
-      }
+      std::lock_guard lk(mu);
+      done[b] = std::move(batch);
+      changed.notify_all();
     }
   };
   std::vector<std::thread> threads;
-  for (unsigned i = 1; i < jobs; ++i) threads.emplace_back(work);
-  work();
+  for (unsigned i = 0; i < jobs; ++i) threads.emplace_back(work);
+  std::size_t files_done = 0;
+  for (std::size_t b = 0; b < ranges.size(); ++b) {
+    ExtractedBatch batch;
+    {
+      std::unique_lock lk(mu);
+      changed.wait(lk, [&] { return failure || done[b]; });
+      if (failure) break;
+      batch = std::move(*done[b]);
+      done[b].reset();
+      handed = b + 1;
+      changed.notify_all();
+    }
+    files_done += batch.walked;
+    try {
+      sink(std::move(batch));
+    } catch (...) {
+      std::lock_guard lk(mu);
+      if (!failure) failure = std::current_exception();
+      changed.notify_all();
+      break;
+    }
+    if (options.on_progress) options.on_progress(files_done, walked.files.size());
+  }
   for (auto& t : threads) t.join();
   if (failure) std::rethrow_exception(failure);
+}
 
+Extraction extract(const fs::path& repo, const WalkResult& walked, const Ctags* ctags, const ExtractOptions& options) {
   Extraction out;
   for (const auto& p : walked.problems) out.errors.push_back({p.path, p.error_type, p.message, std::nullopt});
-  for (auto& batch : batches) {
+  extract_batches(repo, walked, ctags, options, [&](ExtractedBatch&& batch) {
     out.ctags_runs += batch.ctags_runs;
     for (auto& f : batch.files) {
       out.tags += static_cast<std::int64_t>(f.tags.size());
       out.files.push_back(std::move(f));
     }
     for (auto& e : batch.errors) out.errors.push_back(std::move(e));
-  }
+  });
   return out;
 }
 

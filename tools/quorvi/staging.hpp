@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "marsk_quorvi/storage/figures.hpp"
 #include "marsk_quorvi/storage/sqlite.hpp"
 
 #include "quorvi/extract.hpp"
@@ -85,6 +86,15 @@ StagingCounts build_staging(const std::filesystem::path& staging, const std::fil
                             const Extraction& extraction,
                             const std::function<void(std::size_t, std::size_t)>& on_progress = {});
 
+// What StagingRows::copy_file took over from the live index.
+struct CopiedFile {
+  std::int64_t anchor = 0;   // the new id of the file's anchor
+  std::int64_t symbols = 0;  // rows, the anchor's included
+  std::int64_t chunks = 0;
+  std::int64_t errors = 0;
+  std::vector<Import> imports;  // the file's external_imports rows, not written yet
+};
+
 // Where the rows of a staging index go, one call per row, parents before
 // children. build_staging writes them through the access layer's cursors;
 // the benchmark's peer writes the same rows through the bare SQLite API.
@@ -103,19 +113,37 @@ class StagingRows {
   virtual void edge(std::int64_t /*id*/, std::int64_t /*source_id*/, std::int64_t /*target_id*/,
                     const char* /*kind*/, std::int64_t /*line*/) {}
   virtual void error(const FileError& e) = 0;
+  // Writes the rows of the live index's file `live_id` (at `path`) as the
+  // rows of file `file_id`, its symbols numbered from `first_symbol_id`.
+  // Raises std::logic_error where no live index is at hand.
+  virtual CopiedFile copy_file(std::int64_t live_id, const std::string& path, std::int64_t file_id,
+                               std::int64_t first_symbol_id);
 };
 
 // Hands every row of `extraction` to `rows`, in insertion order.
 StagingCounts generate_staging_rows(const std::filesystem::path& repo, const Extraction& extraction, StagingRows& rows,
                                     const std::function<void(std::size_t, std::size_t)>& on_progress = {});
 
-// The file of a staging build: made new with the staging pragmas, the
+// How a staging file is written. `fast`: no journal and no syncs, since a
+// staging file that a crash interrupts is deleted and built again, and a
+// page cache of a fixed size with temporary data on disk, so that memory
+// does not grow with the tree. `journaled`: a rollback journal and full
+// syncs, as for a file that must survive a crash; the benchmark's peer.
+enum class StagingMode { fast, journaled };
+
+// The file of a staging build: made new with the pragmas of `mode`, the
 // schema's tables created and their secondary indexes dropped inside one
 // open transaction; `finish` remakes the indexes from their stored
-// definitions and commits. Destroying an unfinished one rolls back.
+// definitions and commits. Destroying an unfinished one rolls back. With
+// `live` (an index file), that file is attached read-only as `live` before
+// the transaction begins, with a temporary table for renumbering symbols;
+// `attached()` tells whether that worked (SQLite built with URI names, a
+// readable file).
 class StagingFile {
  public:
-  explicit StagingFile(const std::filesystem::path& path);
+  explicit StagingFile(const std::filesystem::path& path, StagingMode mode = StagingMode::fast,
+                       const std::optional<std::filesystem::path>& live = std::nullopt);
+  bool attached() const noexcept { return attached_; }
   ~StagingFile();
   StagingFile(const StagingFile&) = delete;
   StagingFile& operator=(const StagingFile&) = delete;
@@ -126,10 +154,44 @@ class StagingFile {
   std::shared_ptr<storage::Connection> conn_;
   std::vector<std::pair<std::string, std::string>> deferred_;  // index name, its CREATE statement
   bool open_ = false;
+  bool attached_ = false;
 };
 
-// FNV-1a, 64 bits, as 16 hex digits: the content hash stored per file, cheap
-// enough to compute for every file of a large tree.
-std::string content_hash(const std::string& text);
+// A staging build fed as extraction goes, one batch at a time, on one
+// thread. With a live index of the same extractor stamp, it offers that
+// index's files for re-use (see ExtractOptions::reuse) and copies the rows
+// of every re-used file from it (see StagingRows::copy_file).
+//
+// When every file of the walk re-uses its live row, the live index has no
+// other file, and its error rows are the ones this walk found, the staging
+// file would hold the live index's very rows: nothing is written then, and
+// `unchanged()` says so. The rows of re-used files are held back (they are
+// small without their text) until a file or an error row that differs
+// decides otherwise.
+class StagingWriter {
+ public:
+  // `live` may name a file that does not exist: then nothing is re-used.
+  StagingWriter(const std::filesystem::path& staging, const std::filesystem::path& repo,
+                const std::optional<std::filesystem::path>& live, const storage::ExtractorVersions& stamp,
+                StagingMode mode = StagingMode::fast);
+  ~StagingWriter();
+  StagingWriter(const StagingWriter&) = delete;
+  StagingWriter& operator=(const StagingWriter&) = delete;
+
+  const ReuseMap& reusable() const noexcept;
+  void error(const FileError& e);
+  void add(ExtractedBatch&& batch);  // its files, then its errors
+  // Writes the edges, remakes the indexes and commits; raises
+  // storage::Error, after which the file is to be removed.
+  StagingCounts finish();
+  bool unchanged() const noexcept;
+  // The live index's rows per table, as a swap would report them, when
+  // unchanged.
+  const storage::RowCounts& live_rows() const noexcept;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
 
 }  // namespace marsk_quorvi::cli

@@ -524,6 +524,7 @@ TEST_F(QuorviDb, OneIndexRunAtATimeReadersNeverWaitAndTerminalsSeeNoEscapes) {
   const std::string path_env = "PATH=" + bin.string() + ":" + std::getenv("PATH");
   for (const int sig : {SIGTERM, SIGINT}) {
     fs::remove(mark);
+    write(repo / "b.c", std::to_string(sig));  // a file to parse: the others are re-used
     const auto first = start({{"index", repo, "--db", db}, 0, "", "", {path_env}}, dir_);
     for (int i = 0; i < 3000 && slurp(mark).empty(); ++i) ::usleep(10000);
     run({{"index", repo, "--db", db}, 4, "",
