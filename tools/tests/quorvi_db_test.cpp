@@ -121,6 +121,10 @@ TEST_F(QuorviDb, StagingHoldsWhatBatchesOnThreadsExtractAndNothingWhenItFails) {
   std::size_t most = 0;
   const auto progress = [&](std::size_t done, std::size_t of) { EXPECT_EQ(of, 5u); most = std::max(most, done); };
   const auto ex = extract(repo, walk_repository(repo, {}), &ctags, {0, 3, 2, 8u << 20, progress});
+  // A writer that fails stops the threads, which wait for it one batch ahead.
+  EXPECT_THROW(extract_batches(repo, walk_repository(repo, {}), &ctags, {0, 3, 1, 8u << 20, {}, nullptr, 1},
+                               [](ExtractedBatch&&) { throw std::runtime_error("disk full"); }),
+               std::runtime_error);
   write(staging, "left over from a crash");
   const auto c = build_staging(staging, repo, ex);
   EXPECT_EQ(most, 5u);  // every file of five counted once
@@ -190,6 +194,46 @@ TEST_F(QuorviDb, IncludesAndImportsResolveToFilesOfTheRepository) {
   const auto own = build_staging(staging, self, extract(self, walk_repository(self, IgnoreRules::load(self)), &ctags, {}));
   EXPECT_GT(own.imports, 100);
   EXPECT_GT(own.edges, 50);
+}
+
+TEST_F(QuorviDb, UnchangedFilesReuseTheLiveRowsAsAFullParseWouldWriteThem) {
+  const fs::path repo = path("repo"), live = path("live.db"), fresh = path("fresh.db");
+  write(repo / "a.c", "#include \"b.h\"\nstruct S { int x; };\nint f(void) { return 1; }\n");
+  write(repo / "b.h", "int f(void);\n");
+  write(repo / "c.py", "import a\nclass C:\n    def m(self):\n        pass\n");
+  write(repo / "big.c", std::string(3000, 'x'));  // an error row, kept as it is
+  const Ctags ctags;
+  Progress progress;
+  // Builds `db` from the repository (re-using its rows where it may) and dumps every row with its ids.
+  const auto index = [&](const fs::path& db) {
+    IndexPass pass;
+    const auto staging = path("s.db");
+    build_pass(pass, repo, db, staging, &ctags, {2000, 2, 2}, progress);
+    storage::Database d(db);
+    open_like_the_service(d);
+    d.refresh_extractor_stamp(extractor_versions(&ctags));
+    if (!pass.unchanged) swap_pass(pass, d, staging, progress);
+    d.close();
+    std::string rows;
+    for (const char* t : {"components", "files", "symbols", "edges", "external_imports", "index_errors"}) {
+      rows += rows_of(db, std::string("SELECT * FROM ") + t + " ORDER BY id");
+    }
+    rows += rows_of(db, "SELECT rowid, * FROM code_chunks ORDER BY rowid");
+    return std::make_tuple(pass.files_reused, pass.unchanged, rows);
+  };
+  const auto first = index(live);
+  EXPECT_EQ(first, std::make_tuple(0u, false, std::get<2>(first)));
+  EXPECT_EQ(index(live), std::make_tuple(3u, true, std::get<2>(first)));  // nothing written, nothing swapped
+  write(repo / "c.py", "import a\nclass C:\n    def n(self):\n        pass\n");
+  write(repo / "0.h", "struct T;\n");  // ahead of every file: all ids move
+  fs::last_write_time(repo / "b.h", fs::last_write_time(repo / "b.h") - std::chrono::seconds(5));  // parsed again
+  const auto changed = index(live);
+  EXPECT_EQ(changed, std::make_tuple(1u, false, std::get<2>(index(fresh))));
+  EXPECT_THAT(std::get<2>(changed), HasSubstr("|c.py::C.n|member|"));
+  // Rows of another extractor are not re-used.
+  storage::Connection::open(live.string())->execute("UPDATE schema_info SET value = '{\"c\": 1}' "
+                                                    "WHERE key = 'extractor_versions'");
+  EXPECT_EQ(index(live), std::make_tuple(0u, false, std::get<2>(changed)));
 }
 
 #ifdef QUORVI_DB_EXE
