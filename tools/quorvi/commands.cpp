@@ -442,6 +442,7 @@ int cmd_bench(Context& ctx) {
     options.bench_dir = ctx.self.parent_path().parent_path() / "bench";
   }
   options.tree = ctx.inv.value("--tree").value_or("/usr/include");
+  options.self = ctx.self;
   options.index = !ctx.inv.flag("--no-index");
   options.verbose = ctx.inv.flag("--verbose");
   if (!fs::is_directory(options.bench_dir)) {
@@ -555,9 +556,10 @@ const std::vector<CommandSpec>& command_specs() {
        {}, Access::writes, cmd_swap},
       {"bench", "", 0, 0, "run the benchmarks and print one table",
        "Runs every *_bench program of the build's bench/ folder and an indexing\n"
-       "benchmark of its own (walk + extract, staging build, swap) in a scratch\n"
-       "folder, and prints one table: each figure, its peer measured in the same\n"
-       "run, the ratio and the target.",
+       "benchmark of its own in a scratch folder (index against ctags alone, peak\n"
+       "memory against half the tree, re-index of an unchanged tree, the staging\n"
+       "build's settings), and prints one table: each figure, its peer measured\n"
+       "in the same run, the ratio and the target.",
        {{"--bench-dir", "DIR", "where the *_bench programs are (default: bench/ of this build)"},
         {"--tree", "PATH", "the tree the indexing benchmark indexes (default /usr/include)"},
         {"--no-index", "", "leave out the indexing benchmark"}},

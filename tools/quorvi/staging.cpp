@@ -509,9 +509,9 @@ class CursorRows : public StagingRows {
 }  // namespace
 
 StagingCounts build_staging(const fs::path& staging, const fs::path& repo, const Extraction& extraction,
-                            const std::function<void(std::size_t, std::size_t)>& on_progress) {
+                            const std::function<void(std::size_t, std::size_t)>& on_progress, StagingMode mode) {
   try {
-    StagingFile file(staging);
+    StagingFile file(staging, mode);
     StagingCounts counts;
     {
       CursorRows rows(file.connection());

@@ -31,6 +31,13 @@ std::filesystem::path staging_path_for(const std::filesystem::path& db_path);
 // Harmless when none exists.
 void remove_database_files(const std::filesystem::path& path);
 
+// How a staging file is written. `fast`: no journal and no syncs, since a
+// staging file that a crash interrupts is deleted and built again, and a
+// page cache of a fixed size with temporary data on disk, so that memory
+// does not grow with the tree. `journaled`: a rollback journal and full
+// syncs, as for a file that must survive a crash; the benchmark's peer.
+enum class StagingMode { fast, journaled };
+
 struct StagingCounts {
   std::int64_t components = 0;
   std::int64_t files = 0;
@@ -84,7 +91,8 @@ class ImportResolver {
 // SQLite failures; the half-built file is then removed.
 StagingCounts build_staging(const std::filesystem::path& staging, const std::filesystem::path& repo,
                             const Extraction& extraction,
-                            const std::function<void(std::size_t, std::size_t)>& on_progress = {});
+                            const std::function<void(std::size_t, std::size_t)>& on_progress = {},
+                            StagingMode mode = StagingMode::fast);
 
 // What StagingRows::copy_file took over from the live index.
 struct CopiedFile {
@@ -124,12 +132,6 @@ class StagingRows {
 StagingCounts generate_staging_rows(const std::filesystem::path& repo, const Extraction& extraction, StagingRows& rows,
                                     const std::function<void(std::size_t, std::size_t)>& on_progress = {});
 
-// How a staging file is written. `fast`: no journal and no syncs, since a
-// staging file that a crash interrupts is deleted and built again, and a
-// page cache of a fixed size with temporary data on disk, so that memory
-// does not grow with the tree. `journaled`: a rollback journal and full
-// syncs, as for a file that must survive a crash; the benchmark's peer.
-enum class StagingMode { fast, journaled };
 
 // The file of a staging build: made new with the pragmas of `mode`, the
 // schema's tables created and their secondary indexes dropped inside one
