@@ -114,7 +114,7 @@ Ctags::Ctags(std::string program) : program_(std::move(program)) {
 }
 
 std::vector<std::string> Ctags::arguments(const std::vector<std::string>& files) {
-  std::vector<std::string> args{"--output-format=json", "--fields=+neKSr", "--sort=no", "-f",
+  std::vector<std::string> args{"--output-format=json", "--fields=+neKSr-Pft", "--sort=no", "-f",
                                 "-",  "--extras=+r",         "--kinds-C=+px", "--kinds-C++=+px"};
   std::string languages = "--languages=";
   for (const auto& lang : parsed_languages()) {

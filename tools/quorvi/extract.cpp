@@ -60,26 +60,35 @@ class LinkFolder {
   LinkFolder(const LinkFolder&) = delete;
   LinkFolder& operator=(const LinkFolder&) = delete;
 
-  // A link to `target`, in a folder of its own so that it can keep the
-  // file's own name, by which ctags tells `Makefile` or `CMakeLists.txt`.
-  // `extension` (with its dot) is added when the name alone would not tell
-  // ctags the file's language.
-  std::string add(std::size_t n, std::string_view rel, const std::string& target, const std::string& extension) {
-    const fs::path sub = dir_ / std::to_string(n);
+  // A link to `target` named so that ctags reads it as `language`: the
+  // number `n` and the extension that tells it, or, for a language that
+  // only a whole name tells (`Makefile`, `CMakeLists.txt`), the file's own
+  // name in a folder of its own. A folder costs a second inode per file,
+  // so only those get one.
+  std::string add(std::size_t n, std::string_view rel, const std::string& target, const std::string& language) {
     std::string name(rel.substr(rel.rfind('/') + 1));
-    const bool plain = valid_utf8(name) && std::none_of(name.begin(), name.end(), [](char c) {
-                         return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
-                       });
-    // The language is told by the extension, which the table keeps ASCII.
-    if (!plain) name = "file" + (name.rfind('.') == std::string::npos ? "" : name.substr(name.rfind('.')));
-    const fs::path link = sub / (name + extension);
-    if (::mkdir(sub.c_str(), 0700) != 0 || ::symlink(target.c_str(), link.c_str()) != 0) {
-      throw OSError("cannot make a link for ctags in " + dir_.string() + ": " + std::strerror(errno), errno, dir_);
+    const auto dot = name.rfind('.');
+    fs::path link;
+    if (dot != std::string::npos && dot > 0 && language_for("x" + name.substr(dot)) == language) {
+      link = dir_ / (std::to_string(n) + name.substr(dot));  // the table's extensions are ASCII
+    } else if (language_for(name) == language && valid_utf8(name) &&
+               std::none_of(name.begin(), name.end(), [](char c) {
+                 return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+               })) {
+      const fs::path sub = dir_ / std::to_string(n);
+      if (::mkdir(sub.c_str(), 0700) != 0) fail();
+      link = sub / name;
+    } else {
+      link = dir_ / (std::to_string(n) + "." + extension_for(language).value_or("txt"));
     }
+    if (::symlink(target.c_str(), link.c_str()) != 0) fail();
     return link.string();
   }
 
  private:
+  [[noreturn]] void fail() const {
+    throw OSError("cannot make a link for ctags in " + dir_.string() + ": " + std::strerror(errno), errno, dir_);
+  }
   fs::path dir_;
 };
 
@@ -139,10 +148,8 @@ void extract_batch(const fs::path& repo, int root, const WalkResult& walked, con
   for (std::size_t n = 0; n < to_parse.size(); ++n) {
     auto& p = to_parse[n];
     const auto& rel = batch.files[p.record].path;
-    const auto& language = batch.files[p.record].language;
-    const bool named = language_for(rel.substr(rel.rfind('/') + 1)) == language;
     p.link = links.add(n, rel, p.file ? "/proc/self/fd/" + std::to_string(p.file.get()) : (repo / rel).string(),
-                       named ? "" : "." + extension_for(language).value_or(""));
+                       batch.files[p.record].language);
     if (p.file) inherit.push_back(p.file.get());
     parsed.emplace(p.link, p.record);
     names.push_back(p.link);
@@ -150,7 +157,7 @@ void extract_batch(const fs::path& repo, int root, const WalkResult& walked, con
   auto collect = [&](Tag&& tag) {
     auto it = parsed.find(tag.path);
     if (it == parsed.end()) return;
-    tag.path = batch.files[it->second].path;
+    tag.path = std::string();  // the record's path says it; the link's name would only take memory
     batch.files[it->second].tags.push_back(std::move(tag));
   };
   std::string error;
@@ -263,7 +270,7 @@ void extract_batches(const fs::path& repo, const WalkResult& walked, const Ctags
   }
 
   jobs = static_cast<unsigned>(std::min<std::size_t>(jobs, std::max<std::size_t>(1, ranges.size())));
-  const std::size_t ahead = options.ahead ? options.ahead : 2 * jobs;
+  const std::size_t ahead = options.ahead ? options.ahead : 1;
   // Batches are taken in order and handed over in order; a thread waits
   // before taking one that would leave more than `ahead` done and waiting.
   std::mutex mu;

@@ -87,8 +87,8 @@ struct Extraction {
 struct ExtractOptions {
   std::int64_t max_file_bytes = 0;  // 0: DEFAULT_MAX_FILE_BYTES
   unsigned jobs = 0;                // 0: one per core
-  std::size_t batch_files = 128;    // files per ctags run
-  std::size_t batch_bytes = 4u << 20;
+  std::size_t batch_files = 64;     // files per ctags run
+  std::size_t batch_bytes = 1u << 20;
   // Progress: files done so far, files in all.
   std::function<void(std::size_t, std::size_t)> on_progress;
   // Live rows that unchanged files re-use: a file whose path, size,
@@ -96,7 +96,7 @@ struct ExtractOptions {
   // (for the hash) but not parsed.
   const ReuseMap* reuse = nullptr;
   // Batches extracted ahead of the one being handed over: what bounds the
-  // memory of a pass, whatever the size of the tree. 0: two per job.
+  // memory of a pass, whatever the size of the tree. 0: one per job.
   std::size_t ahead = 0;
 };
 

@@ -173,7 +173,7 @@ StagingFile::StagingFile(const fs::path& path, StagingMode mode, const std::opti
   remove_database_files(path);
   conn_ = Connection::open(path.string());
   conn_->execute("PRAGMA page_size=" + std::to_string(storage::storage_size::PAGE_SIZE));
-  if (mode == StagingMode::fast) {
+  if (mode != StagingMode::journaled) {
     conn_->execute("PRAGMA journal_mode=OFF").fetchall();
     conn_->execute("PRAGMA synchronous=OFF");
   } else {
@@ -181,7 +181,9 @@ StagingFile::StagingFile(const fs::path& path, StagingMode mode, const std::opti
     conn_->execute("PRAGMA synchronous=FULL");
   }
   conn_->execute("PRAGMA temp_store=FILE");
-  conn_->execute("PRAGMA cache_size=-32768");  // 32 MiB
+  // Rows go in at the end of their tables, which needs few pages at hand;
+  // making the indexes of an index file sorts, which wants more.
+  conn_->execute(mode == StagingMode::swap_only ? "PRAGMA cache_size=-8192" : "PRAGMA cache_size=-32768");
   if (live && sqlite3_compileoption_used("USE_URI")) {
     try {
       conn_->execute("ATTACH DATABASE ? AS live", {"file:" + uri_path(*live) + "?mode=ro"});
@@ -208,6 +210,11 @@ StagingFile::StagingFile(const fs::path& path, StagingMode mode, const std::opti
     deferred_.emplace_back(row[0].to_text(), row[1].to_text());
   }
   for (const auto& [name, sql] : deferred_) ddl.execute("DROP INDEX \"" + name + "\"");
+  if (mode == StagingMode::swap_only) {
+    deferred_.clear();
+    ddl.execute("DROP TABLE code_chunks");
+    ddl.execute("CREATE TABLE code_chunks (text, start_line, end_line, exact)");
+  }
   ddl.close();
 }
 

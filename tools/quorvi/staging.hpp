@@ -31,12 +31,19 @@ std::filesystem::path staging_path_for(const std::filesystem::path& db_path);
 // Harmless when none exists.
 void remove_database_files(const std::filesystem::path& path);
 
-// How a staging file is written. `fast`: no journal and no syncs, since a
-// staging file that a crash interrupts is deleted and built again, and a
-// page cache of a fixed size with temporary data on disk, so that memory
-// does not grow with the tree. `journaled`: a rollback journal and full
-// syncs, as for a file that must survive a crash; the benchmark's peer.
-enum class StagingMode { fast, journaled };
+// How a staging file is written. Every mode writes without a journal and
+// without syncs, since a staging file that a crash interrupts is deleted and
+// built again, but `journaled`, and with a page cache of a fixed size and
+// temporary data on disk, so that memory does not grow with the tree.
+//   swap_only:  what an index pass writes, for the swap that follows and
+//               nothing else: code_chunks is a plain table of FTS5's columns
+//               (the swap tokenizes the text into the live index anyway) and
+//               the secondary indexes are left out (the swap reads every row
+//               in order).
+//   index_file: a complete index file, FTS5 table and indexes included.
+//   journaled:  an index file with a rollback journal and full syncs, as for
+//               a file that must survive a crash: the benchmark's peer.
+enum class StagingMode { swap_only, index_file, journaled };
 
 struct StagingCounts {
   std::int64_t components = 0;
@@ -92,7 +99,7 @@ class ImportResolver {
 StagingCounts build_staging(const std::filesystem::path& staging, const std::filesystem::path& repo,
                             const Extraction& extraction,
                             const std::function<void(std::size_t, std::size_t)>& on_progress = {},
-                            StagingMode mode = StagingMode::fast);
+                            StagingMode mode = StagingMode::index_file);
 
 // What StagingRows::copy_file took over from the live index.
 struct CopiedFile {
@@ -143,7 +150,7 @@ StagingCounts generate_staging_rows(const std::filesystem::path& repo, const Ext
 // readable file).
 class StagingFile {
  public:
-  explicit StagingFile(const std::filesystem::path& path, StagingMode mode = StagingMode::fast,
+  explicit StagingFile(const std::filesystem::path& path, StagingMode mode = StagingMode::index_file,
                        const std::optional<std::filesystem::path>& live = std::nullopt);
   bool attached() const noexcept { return attached_; }
   ~StagingFile();
@@ -175,7 +182,7 @@ class StagingWriter {
   // `live` may name a file that does not exist: then nothing is re-used.
   StagingWriter(const std::filesystem::path& staging, const std::filesystem::path& repo,
                 const std::optional<std::filesystem::path>& live, const storage::ExtractorVersions& stamp,
-                StagingMode mode = StagingMode::fast);
+                StagingMode mode = StagingMode::swap_only);
   ~StagingWriter();
   StagingWriter(const StagingWriter&) = delete;
   StagingWriter& operator=(const StagingWriter&) = delete;
