@@ -98,6 +98,23 @@ TEST(Ctags, ReadsVersionsAndEndsTheChildWhenTheLineHandlerThrows) {
   EXPECT_EQ(parse_ctags_version("Exuberant Ctags 5.8, Copyright"), std::nullopt);
   // Without the kill this never returns.
   EXPECT_THROW(run_process({"yes"}, [](std::string_view) { throw std::runtime_error("enough"); }), std::runtime_error);
+  // Tag lines, read by the quick reader or, for what it leaves alone, by the JSON parser: name|line|end|roles|scope.
+  const std::string t = R"({"_type": "tag", "path": "p", )";
+  const std::pair<std::string, std::string> lines[] = {
+      {t + R"("name": "a\"b\\c\/\t", "line": 3, "end": 9, "roles": "def", "scope": "S"})", "a\"b\\c/\t|3|9|def|S"},
+      {t + R"("name": "\u00e9\u0041", "line": 1, "end": true, "scope": null, "x": [1, {}]})", "\u00e9A|1|-||-"},
+      {t + "\"name\": \"\xc3\xa9\", \"line\": -2, \"end\": 1.5}  ", "\xc3\xa9|-2|-||-"},
+      {t + R"("name": "n", "line": 4, "name": "m", "roles": "system,local"})", "m|4|-|system,local|-"},
+      {t + R"("name": "n", "line": "4"})", "none"}, {t + R"("name": 5, "line": 4})", "none"},
+      {t + R"("name": "n", "line": 04})", "none"}, {t + R"("name": "n", "line": 4} x)", "none"},
+      {t + R"("name": "n", "line": 4,})", "none"}, {t + "\"name\": \"\xff\", \"line\": 4}", "none"},
+      {R"({"_type": "ptag", "name": "n", "path": "p", "line": 1})", "none"}, {"{}", "none"}, {"{broken", "none"}};
+  for (const auto& [line, want] : lines) {
+    const auto tag = parse_tag_line(line);
+    EXPECT_EQ(!tag ? "none" : tag->name + "|" + std::to_string(tag->line) + "|" +
+                                  (tag->end_line ? std::to_string(*tag->end_line) : "-") + "|" + tag->roles + "|" +
+                                  tag->scope.value_or("-"), want) << line;
+  }
 }
 
 TEST_F(QuorviDb, StagingHoldsWhatBatchesOnThreadsExtractAndNothingWhenItFails) {
