@@ -15,6 +15,7 @@
 #include <optional>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "marsk_quorvi/errors.hpp"
 #include "quorvi/language.hpp"
@@ -204,10 +205,9 @@ std::size_t descriptors_per_batch(unsigned jobs) {
 std::vector<Import> take_imports(std::vector<Tag>& tags) {
   // The roles under which ctags reports an include or an import: C and C++
   // headers, makefiles, Python, Go, Java, Perl, Protobuf, Ruby and shell.
-  static const std::unordered_map<std::string_view, bool> import_roles{
-      {"system", true},   {"local", true},  {"included", true}, {"optional", true},   {"imported", false},
-      {"indirectlyImported", false},        {"namespace", false}, {"used", false},    {"loaded", false},
-      {"required", false}, {"requiredRel", false}};
+  static const std::unordered_set<std::string_view> import_roles{
+      "system",   "local",     "included", "optional", "imported", "indirectlyImported",
+      "namespace", "used",     "loaded",   "required", "requiredRel"};
   std::vector<Import> imports;
   std::vector<Tag*> aliases;
   for (auto& tag : tags) {
@@ -215,11 +215,10 @@ std::vector<Import> take_imports(std::vector<Tag>& tags) {
       if (tag.nameref) aliases.push_back(&tag);
       continue;
     }
-    const auto role = import_roles.find(std::string_view(tag.roles).substr(0, tag.roles.find(',')));
-    if (role == import_roles.end()) continue;
-    Import in{tag.name, std::nullopt, std::nullopt, tag.line, role->second};
+    if (!import_roles.count(std::string_view(tag.roles).substr(0, tag.roles.find(',')))) continue;
+    Import in{tag.name, std::nullopt, std::nullopt, tag.line};
     // "from module import name": the name comes scoped by its module.
-    if (tag.scope && tag.scope_kind == "module") in = {*tag.scope, tag.name, std::nullopt, tag.line, false};
+    if (tag.scope && tag.scope_kind == "module") in = {*tag.scope, tag.name, std::nullopt, tag.line};
     imports.push_back(std::move(in));
   }
   // The module of "from module import name" is also reported on its own
@@ -270,9 +269,11 @@ void extract_batches(const fs::path& repo, const WalkResult& walked, const Ctags
   }
 
   jobs = static_cast<unsigned>(std::min<std::size_t>(jobs, std::max<std::size_t>(1, ranges.size())));
-  const std::size_t ahead = options.ahead ? options.ahead : 1;
+  // Each thread has a batch in hand; `ahead` more may wait done for the writer.
+  const std::size_t window = jobs + options.ahead;
   // Batches are taken in order and handed over in order; a thread waits
-  // before taking one that would leave more than `ahead` done and waiting.
+  // before taking one past the window, so that batches done but not yet
+  // written never pile up behind a slow one.
   std::mutex mu;
   std::condition_variable changed;
   std::vector<std::optional<ExtractedBatch>> done(ranges.size());
@@ -283,7 +284,7 @@ void extract_batches(const fs::path& repo, const WalkResult& walked, const Ctags
       std::size_t b = 0;
       {
         std::unique_lock lk(mu);
-        changed.wait(lk, [&] { return failure || next >= ranges.size() || next < handed + ahead; });
+        changed.wait(lk, [&] { return failure || next >= ranges.size() || next < handed + window; });
         if (failure || next >= ranges.size()) return;
         b = next++;
       }

@@ -22,7 +22,6 @@ struct Import {
   std::optional<std::string> name;   // what is taken from it ("from module import name")
   std::optional<std::string> alias;  // the name it is bound to ("as alias")
   std::int64_t line = 0;
-  bool include = false;  // an #include (or a makefile's include) rather than an import
   bool operator==(const Import&) const = default;
 };
 
@@ -95,8 +94,9 @@ struct ExtractOptions {
   // modification time, content hash and language match its entry is read
   // (for the hash) but not parsed.
   const ReuseMap* reuse = nullptr;
-  // Batches extracted ahead of the one being handed over: what bounds the
-  // memory of a pass, whatever the size of the tree. 0: one per job.
+  // Batches done and waiting for the writer besides the one each thread
+  // has in hand: what bounds the memory of a pass, whatever the size of
+  // the tree. 0: one.
   std::size_t ahead = 0;
 };
 
@@ -105,7 +105,7 @@ struct ExtractOptions {
 // extracted) over the readable files of parsed languages, batch by batch on
 // `jobs` threads, and hands each batch to `sink` on the calling thread, in
 // walk order, as soon as it and every batch before it are done; at most
-// `ahead` batches wait their turn. ctags reads each file through a link in a
+// `jobs` + `ahead` batches are taken and not yet handed over. ctags reads each file through a link in a
 // private temporary folder, so a file whose name is not UTF-8 keeps its
 // symbols. A batch on which ctags fails is run again file by file, so that
 // one bad file costs only its own symbols and gets a PARSE_ERROR row. Each

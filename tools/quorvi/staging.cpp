@@ -95,9 +95,13 @@ std::string replace_all(std::string_view text, std::string_view from, std::strin
   }
 }
 
+// Whether the imports of `language` are includes: C and C++ headers,
+// makefiles.
+bool includes(const std::string& language) { return language == "c" || language == "cpp" || language == "make"; }
+
 // The repository-relative names an import may stand for, best first.
 std::vector<std::string> import_names(const std::string& language, const Import& in) {
-  if (in.include || language == "shell" || language == "protobuf") return {in.module};
+  if (includes(language) || language == "shell" || language == "protobuf") return {in.module};
   if (language == "python") {
     const auto base = replace_all(in.module.substr(std::min(in.module.find_first_not_of('.'), in.module.size())), ".", "/");
     std::vector<std::string> out;
@@ -264,8 +268,6 @@ class RowGenerator {
       counts_.errors += copied.errors;
       anchor = copied.anchor;
       copied_imports = std::move(copied.imports);
-      const bool includes = f.language == "c" || f.language == "cpp" || f.language == "make";
-      for (auto& in : copied_imports) in.include = includes;
     } else {
       anchor = parsed(f, file_id);
     }
@@ -273,7 +275,7 @@ class RowGenerator {
     resolver_.add(f.path, anchor);
     for (const auto& in : imports) rows_.import(++counts_.imports, file_id, in);
     // The includes and imports wait until every file has its anchor.
-    if (!imports.empty()) pending_.push_back({f.path, f.language, anchor, imports});
+    if (!imports.empty() && !rows_.reads_back()) pending_.push_back({f.path, f.language, imports});
   }
 
   void error(const FileError& e) {
@@ -282,12 +284,15 @@ class RowGenerator {
   }
 
   StagingCounts finish() {
-    for (const auto& p : pending_) {
-      for (const auto& in : p.imports) {
-        if (auto target = resolver_.resolve(p.path, p.language, in)) {
-          rows_.edge(++counts_.edges, p.anchor, *target, in.include ? "includes" : "imports", in.line);
-        }
+    const auto edge = [&](const std::string& path, const std::string& language, const Import& in) {
+      if (auto target = resolver_.resolve(path, language, in)) {
+        rows_.edge(++counts_.edges, resolver_.anchor(path), *target, includes(language) ? "includes" : "imports",
+                   in.line);
       }
+    };
+    rows_.read_imports(edge);
+    for (const auto& p : pending_) {
+      for (const auto& in : p.imports) edge(p.path, p.language, in);
     }
     pending_.clear();
     counts_.components = static_cast<std::int64_t>(components_.size());
@@ -356,7 +361,6 @@ class RowGenerator {
 
   struct Pending {
     std::string path, language;
-    std::int64_t anchor;
     std::vector<Import> imports;
   };
   fs::path repo_;
@@ -486,9 +490,23 @@ class CursorRows : public StagingRows {
                                          {live_id})
                                .fetchall()) {
       const auto text = [&](int i) { return row[i].is_null() ? std::nullopt : std::optional(row[i].to_text()); };
-      out.imports.push_back({row[0].to_text(), text(1), text(2), row[3].is_null() ? 0 : row[3].as_int(), false});
+      out.imports.push_back({row[0].to_text(), text(1), text(2), row[3].is_null() ? 0 : row[3].as_int()});
     }
     return out;
+  }
+
+  bool reads_back() const override { return true; }
+  void read_imports(const std::function<void(const std::string&, const std::string&, const Import&)>& each) override {
+    Cursor read = copy_.connection().cursor();
+    read.execute("SELECT f.path, f.language, e.module, e.name, e.line FROM external_imports AS e "
+                 "JOIN files AS f ON f.id = e.file_id ORDER BY e.id");
+    while (auto row = read.fetchone()) {
+      const auto& r = *row;
+      each(r[0].to_text(), r[1].to_text(),
+           {r[2].to_text(), r[3].is_null() ? std::nullopt : std::optional(r[3].to_text()), std::nullopt,
+            r[4].is_null() ? 0 : r[4].as_int()});
+    }
+    read.close();
   }
 
   // Writes what the batches still hold; call before their texts go.

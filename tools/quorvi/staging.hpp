@@ -74,6 +74,7 @@ class ImportResolver {
   // The anchor of the file `in`, made by the file at `from` in `language`,
   // resolves to; none when no other file of the repository matches.
   std::optional<std::int64_t> resolve(const std::string& from, const std::string& language, const Import& in) const;
+  std::int64_t anchor(const std::string& path) const { return by_path_.at(path); }
 
  private:
   std::optional<std::int64_t> find(const std::string& from, const std::string& name) const;
@@ -133,6 +134,11 @@ class StagingRows {
   // Raises std::logic_error where no live index is at hand.
   virtual CopiedFile copy_file(std::int64_t live_id, const std::string& path, std::int64_t file_id,
                                std::int64_t first_symbol_id);
+  // Whether read_imports can hand back the import rows written, which then
+  // need not be kept in memory until the edges are made.
+  virtual bool reads_back() const { return false; }
+  // Every import row written, in order, with its file's path and language.
+  virtual void read_imports(const std::function<void(const std::string&, const std::string&, const Import&)>&) {}
 };
 
 // Hands every row of `extraction` to `rows`, in insertion order.
