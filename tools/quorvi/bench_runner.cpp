@@ -1,13 +1,19 @@
 #include "quorvi/bench_runner.hpp"
 
+#include <fcntl.h>
+#include <spawn.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
 
 #include "marsk_quorvi/storage/database.hpp"
 #include "marsk_quorvi/storage/sqlite.hpp"
@@ -42,9 +48,10 @@ bool is_bench_program(const fs::directory_entry& entry) {
 
 // Universal Ctags alone over the same tree: what extraction cannot beat.
 double ctags_alone(const fs::path& tree) {
-  std::vector<std::string> args{"ctags", "--output-format=json", "--fields=+neKS", "--sort=no", "-f", "-", "-R"};
-  const auto own = Ctags::arguments({});
-  args.insert(args.end(), own.begin() + 5, own.end());  // the same --languages and --map options
+  std::vector<std::string> args{"ctags", "--options=NONE"};
+  const auto own = Ctags::arguments({});  // the same fields, kinds, extras, languages and maps
+  args.insert(args.end(), own.begin(), own.end());
+  args.push_back("-R");
   args.push_back(tree.string());
   const auto start = Clock::now();
   run_process(args, [](std::string_view) {});
@@ -65,10 +72,12 @@ class RawRows : public StagingRows {
             "INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line, parent_id, signature) "
             "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)");
     prepare(chunks_, "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (?, ?, ?, ?, 1)");
+    prepare(imports_, "INSERT INTO external_imports (id, file_id, module, name, alias, line) VALUES (?, ?, ?, ?, ?, ?)");
+    prepare(edges_, "INSERT INTO edges (id, source_id, target_id, kind, resolution, line) VALUES (?, ?, ?, ?, 'exact', ?)");
     prepare(errors_, "INSERT INTO index_errors (file_path, error_type, message, line) VALUES (?, ?, ?, ?)");
   }
   ~RawRows() override {
-    for (auto* s : {components_, files_, symbols_, chunks_, errors_}) sqlite3_finalize(s);
+    for (auto* s : {components_, files_, symbols_, chunks_, imports_, edges_, errors_}) sqlite3_finalize(s);
   }
   void component(std::int64_t id, const std::string& name) override {
     sqlite3_bind_int64(components_, 1, id);
@@ -108,6 +117,24 @@ class RawRows : public StagingRows {
     sqlite3_bind_int64(chunks_, 4, end_line);
     run(chunks_);
   }
+  void import(std::int64_t id, std::int64_t file_id, const Import& in) override {
+    sqlite3_bind_int64(imports_, 1, id);
+    sqlite3_bind_int64(imports_, 2, file_id);
+    text(imports_, 3, in.module);
+    in.name ? text(imports_, 4, *in.name) : sqlite3_bind_null(imports_, 4);
+    in.alias ? text(imports_, 5, *in.alias) : sqlite3_bind_null(imports_, 5);
+    sqlite3_bind_int64(imports_, 6, in.line);
+    run(imports_);
+  }
+  void edge(std::int64_t id, std::int64_t source_id, std::int64_t target_id, const char* kind,
+            std::int64_t line) override {
+    sqlite3_bind_int64(edges_, 1, id);
+    sqlite3_bind_int64(edges_, 2, source_id);
+    sqlite3_bind_int64(edges_, 3, target_id);
+    text(edges_, 4, kind);
+    sqlite3_bind_int64(edges_, 5, line);
+    run(edges_);
+  }
   void error(const FileError& e) override {
     text(errors_, 1, e.path);
     text(errors_, 2, e.error_type);
@@ -130,7 +157,7 @@ class RawRows : public StagingRows {
   }
   sqlite3* db_;
   sqlite3_stmt *components_ = nullptr, *files_ = nullptr, *symbols_ = nullptr, *chunks_ = nullptr,
-               *errors_ = nullptr;
+               *imports_ = nullptr, *edges_ = nullptr, *errors_ = nullptr;
 };
 
 double raw_staging(const fs::path& repo, const Extraction& extraction, const fs::path& path) {
@@ -162,7 +189,67 @@ BenchRow bench_row(const std::string& source, const std::string& figure, double 
                   target};
 }
 
-std::vector<BenchRow> index_benchmark(const fs::path& tree, std::ostream& err) {
+namespace {
+
+// One `quorvi-db` run in a child process: its wall time, its peak RSS as
+// wait4 reports it (the child's own, or a waited-for descendant's if
+// larger), its exit status and its standard output.
+struct ChildRun {
+  double seconds = 0;
+  double peak_mib = 0;
+  int status = -1;
+  std::string out;
+};
+
+ChildRun run_child(const std::vector<std::string>& argv, const fs::path& out_file) {
+  std::vector<char*> args;
+  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, out_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  ChildRun run;
+  const auto start = Clock::now();
+  pid_t pid = 0;
+  const int rc = ::posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0) throw OSError("cannot run " + argv[0] + ": " + std::strerror(rc), rc);
+  int status = 0;
+  rusage usage{};
+  while (::wait4(pid, &status, 0, &usage) < 0 && errno == EINTR) {
+  }
+  run.seconds = since(start);
+  run.peak_mib = static_cast<double>(usage.ru_maxrss) / 1024.0;  // KiB on Linux
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  std::ifstream in(out_file);
+  run.out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return run;
+}
+
+// The seconds the index command printed after `label` ("swap:" ...), 0 when absent.
+double printed_seconds(const std::string& out, const std::string& label) {
+  const auto at = out.find("\n" + label);
+  if (at == std::string::npos) return 0;
+  const auto line = out.substr(at + 1, out.find('\n', at + 1) - at - 1);
+  const auto in = line.rfind(" in ");
+  return std::atof(line.c_str() + (in == std::string::npos ? label.size() : in + 4));
+}
+
+// Row counts of every index table, for "the same rows".
+std::vector<std::int64_t> table_counts(const fs::path& db) {
+  auto conn = storage::Connection::open(db.string());
+  std::vector<std::int64_t> counts;
+  for (const char* t : {"components", "files", "symbols", "edges", "external_imports", "index_errors", "code_chunks"}) {
+    counts.push_back((*conn->execute(std::string("SELECT COUNT(*) FROM ") + t).fetchone())[0].as_int());
+  }
+  conn->close();
+  return counts;
+}
+
+}  // namespace
+
+std::vector<BenchRow> index_benchmark(const fs::path& tree, const fs::path& quorvi, std::ostream& err) {
   std::string pattern = (fs::temp_directory_path() / "quorvi-bench-XXXXXX").string();
   if (!::mkdtemp(pattern.data())) throw OSError("cannot make a scratch folder in " + fs::temp_directory_path().string());
   const fs::path scratch = pattern;
@@ -173,56 +260,84 @@ std::vector<BenchRow> index_benchmark(const fs::path& tree, std::ostream& err) {
       fs::remove_all(dir, ec);
     }
   } cleanup{scratch};
-
-  const Ctags ctags;
-  storage::Database db(scratch / "index.db");
-  open_like_the_service(db);
-  db.refresh_extractor_stamp(extractor_versions(&ctags));
   const std::string src = "quorvi-db";
+  const auto index = [&](const fs::path& what, const fs::path& db) {
+    auto run = run_child({quorvi.string(), "index", what.string(), "--db", db.string()}, scratch / "out.txt");
+    if (run.status != 0) throw RuntimeError("quorvi-db index " + what.string() + " exited with status " +
+                                            std::to_string(run.status));
+    return run;
+  };
 
-  err << "indexing benchmark: walking and extracting " << tree.string() << "\n";
-  auto start = Clock::now();
+  // The first half of the tree's files, by walk order, copied.
   const auto walked = walk_repository(tree, IgnoreRules::load(tree));
-  auto extraction = extract(tree, walked, &ctags, {});
-  const double walk_extract = since(start);
-  const double ctags_peer = ctags_alone(tree);
-
-  err << "indexing benchmark: staging build of " << extraction.files.size() << " files\n";
-  const fs::path staging = scratch / "index.db.staging";
-  // Two rounds, interleaved, the better of each: the machine's noise is
-  // larger than the difference being measured.
-  double staging_seconds = 1e300, raw_peer = 1e300;
-  for (int round = 0; round < 2; ++round) {
-    start = Clock::now();
-    build_staging(staging, tree, extraction);
-    staging_seconds = std::min(staging_seconds, since(start));
-    raw_peer = std::min(raw_peer, raw_staging(tree, extraction, scratch / "raw-staging.db"));
-  }
-  const auto files = extraction.files.size();
+  const fs::path half = scratch / "half";
   std::int64_t bytes = 0;
-  for (const auto& f : extraction.files) bytes += f.size;
+  std::size_t half_files = 0;
+  for (const auto& f : walked.files) {
+    bytes += f.size;
+    if (half_files >= walked.files.size() / 2 || f.kind != WalkEntry::Kind::regular) continue;
+    std::error_code ec;
+    fs::create_directories((half / f.path).parent_path(), ec);
+    if (fs::copy_file(tree / f.path, half / f.path, ec)) ++half_files;
+  }
+
+  err << "indexing benchmark: ctags alone over " << tree.string() << "\n";
+  const double ctags_peer = ctags_alone(tree);
+  err << "indexing benchmark: index, half index, re-index\n";
+  const auto full = index(tree, scratch / "full.db");
+  const auto halved = index(half, scratch / "half.db");
+  const auto before = table_counts(scratch / "full.db");
+  const auto again = index(tree, scratch / "full.db");
+  const bool same = table_counts(scratch / "full.db") == before &&
+                    run_child({quorvi.string(), "check", "--db", (scratch / "full.db").string()}, scratch / "out.txt")
+                            .status == 0;
+  // One file of the half tree changes: the rest is re-used through a staging build and a swap.
+  for (const auto& f : walked.files) {
+    if (!fs::exists(half / f.path)) continue;
+    std::ofstream(half / f.path, std::ios::app) << "\n";
+    break;
+  }
+  const auto one_changed = index(half, scratch / "half.db");
+
+  err << "indexing benchmark: staging builds of the half tree's rows\n";
+  const Ctags ctags;
+  auto extraction = extract(half, walk_repository(half, IgnoreRules::load(half)), &ctags, {});
+  const fs::path staging = scratch / "staging.db";
+  // Two rounds, interleaved, the better of each: the machine's noise is
+  // larger than some of the differences measured.
+  double seconds[3] = {1e300, 1e300, 1e300}, raw_peer = 1e300;
+  for (int round = 0; round < 2; ++round) {
+    for (const auto mode : {StagingMode::swap_only, StagingMode::index_file, StagingMode::journaled}) {
+      const auto start = Clock::now();
+      build_staging(staging, half, extraction, {}, mode);
+      auto& best = seconds[static_cast<int>(mode)];
+      best = std::min(best, since(start));
+    }
+    raw_peer = std::min(raw_peer, raw_staging(half, extraction, scratch / "raw-staging.db"));
+  }
+  const auto [for_swap, index_file, journaled] = seconds;
   extraction = Extraction{};
 
-  err << "indexing benchmark: swaps\n";
-  const fs::path second = scratch / "index.db.staging2";
-  fs::copy_file(staging, second);
-  start = Clock::now();
-  db.swap_index_from(staging);
-  const double swap_into_empty = since(start);
-  start = Clock::now();
-  db.swap_index_from(second);
-  const double swap_replacing = since(start);
-  db.close();
-
-  const double total = walk_extract + staging_seconds + swap_replacing;
   std::vector<BenchRow> rows;
-  rows.push_back(bench_row(src, "index.walk_extract", walk_extract, "s", "ctags -R alone", ctags_peer, "<= 1.5"));
-  rows.push_back(
-      bench_row(src, "index.staging_build", staging_seconds, "s", "same rows, bare sqlite3 API", raw_peer, "<= 1.25"));
-  rows.push_back(bench_row(src, "index.swap", swap_replacing, "s", "swap into empty index", swap_into_empty, "<= 3"));
-  rows.push_back(bench_row(src, "index.files", static_cast<double>(files), "files", "", 0, "-"));
-  rows.push_back(bench_row(src, "index.throughput", static_cast<double>(bytes) / 1048576.0 / total, "MiB/s", "",
-                           0, "-"));
+  const auto row = [&](const std::string& figure, double value, const std::string& unit, const std::string& peer,
+                       double peer_value, const std::string& target) {
+    rows.push_back(bench_row(src, figure, value, unit, peer, peer_value, target));
+  };
+  row("index.wall", full.seconds, "s", "ctags -R alone, same options", ctags_peer, "<= 1.5");
+  row("index.walk_extract_write", printed_seconds(full.out, "walk + extract:"), "s", "", 0, "-");
+  row("index.staging_finish", printed_seconds(full.out, "staging build:"), "s", "", 0, "-");
+  row("index.swap", printed_seconds(full.out, "swap:"), "s", "", 0, "-");
+  row("index.peak_rss", full.peak_mib, "MiB", "limit", 150, "<= 1");
+  row("index.peak_rss_full_vs_half", full.peak_mib, "MiB", "index of half the tree", halved.peak_mib, "<= 1.2");
+  row("index.half.wall", halved.seconds, "s", "", 0, "-");
+  row("reindex.unchanged.wall", again.seconds, "s", "first index", full.seconds, "<= 0.3");
+  row("reindex.unchanged.same_rows", same ? 1 : 0, "", "check passes, counts equal", 1, ">= 1");
+  row("reindex.one_changed_half.wall", one_changed.seconds, "s", "first index of half", halved.seconds, "-");
+  row("staging.half.for_swap", for_swap, "s", "index file, journal + full sync", journaled, "<= 1");
+  row("staging.half.for_swap_vs_file", for_swap, "s", "index file, no journal", index_file, "<= 1");
+  row("staging.half.index_file", index_file, "s", "same rows, bare sqlite3 API", raw_peer, "<= 1.25");
+  row("index.files", static_cast<double>(walked.files.size()), "files", "half", static_cast<double>(half_files), "-");
+  row("index.throughput", static_cast<double>(bytes) / 1048576.0 / full.seconds, "MiB/s", "", 0, "-");
   return rows;
 }
 
@@ -262,7 +377,7 @@ bool run_benchmarks(const BenchOptions& options, std::ostream& out, std::ostream
     }
   }
   if (options.index) {
-    auto own = index_benchmark(options.tree, err);
+    auto own = index_benchmark(options.tree, options.self, err);
     rows.insert(rows.end(), own.begin(), own.end());
   }
   out << format_table(rows);

@@ -13,6 +13,7 @@ namespace marsk_quorvi::cli {
 struct BenchOptions {
   std::filesystem::path bench_dir;  // the build's bench/ folder
   std::filesystem::path tree;       // what the indexing benchmark indexes
+  std::filesystem::path self;       // this quorvi-db, run for each index
   bool index = true;
   bool verbose = false;  // pass the programs' other output through to `err`
 };
@@ -23,12 +24,20 @@ struct BenchOptions {
 // is printed all the same).
 bool run_benchmarks(const BenchOptions& options, std::ostream& out, std::ostream& err);
 
-// Indexes `tree` into a scratch index and reports each part against a peer
-// measured in the same run: walk + extract against Universal Ctags alone
-// over the same tree (one `ctags -R`), the staging build against the same
-// rows written through the bare SQLite API, and the swap that replaces a
-// full index against the swap into an empty one.
-std::vector<BenchRow> index_benchmark(const std::filesystem::path& tree, std::ostream& err);
+// Runs `quorvi` (this tool's executable) `index` on `tree` in child
+// processes, each timed and its peak RSS read from wait4, and reports
+// against peers measured in the same run: the wall time against Universal
+// Ctags alone over the same tree with the same options (one `ctags -R`);
+// the peak RSS against a fixed limit and against the index of half the tree
+// (the first half of its files, copied to a scratch folder); a re-index of
+// the unchanged tree against the first index, and whether it left the same
+// rows (integrity check, row counts); a re-index of the half tree after one
+// file changed. Then, in this process over the half tree, the staging build
+// as it is made (no journal, no syncs) against the same rows with SQLite's
+// safe defaults (a rollback journal, full syncs) and against the bare SQLite
+// API.
+std::vector<BenchRow> index_benchmark(const std::filesystem::path& tree, const std::filesystem::path& quorvi,
+                                      std::ostream& err);
 
 // A row in the format of bench/harness.hpp's report().
 BenchRow bench_row(const std::string& source, const std::string& figure, double value, const std::string& unit,

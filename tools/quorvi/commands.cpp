@@ -217,16 +217,21 @@ int cmd_index(Context& ctx) {
   build_pass(pass, abs_repo, path, run.staging(), &ctags, options, progress);
   auto db = open_for_writing(ctx, path, true);
   db->refresh_extractor_stamp(extractor_versions(&ctags));
-  try {
-    swap_pass(pass, *db, run.staging(), progress);
-  } catch (const storage::Error& e) {
-    // Damage that opening did not reach: the new index goes into a new file.
-    if (!e.damaged()) throw;
-    db.reset();
-    set_aside(path, e.what(), ctx);
-    db = open_for_writing(ctx, path, true);
-    db->refresh_extractor_stamp(extractor_versions(&ctags));
-    swap_pass(pass, *db, run.staging(), progress);
+  if (pass.unchanged) {
+    pass.generation = db->index_generation();
+    pass.before = pass.after = db->page_counts();
+  } else {
+    try {
+      swap_pass(pass, *db, run.staging(), progress);
+    } catch (const storage::Error& e) {
+      // Damage that opening did not reach: the new index goes into a new file.
+      if (!e.damaged()) throw;
+      db.reset();
+      set_aside(path, e.what(), ctx);
+      db = open_for_writing(ctx, path, true);
+      db->refresh_extractor_stamp(extractor_versions(&ctags));
+      swap_pass(pass, *db, run.staging(), progress);
+    }
   }
   // When the index was last rebuilt, for the layers above.
   db->execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)",
@@ -238,8 +243,13 @@ int cmd_index(Context& ctx) {
   out << "walk + extract: " << pass.files_walked << " files walked, " << pass.files_indexed << " indexed, "
       << pass.file_errors << " with errors, " << pass.tags << " symbols (ctags " << version_text(ctags.version())
       << ") in " << seconds(pass.walk_extract_seconds) << "\n";
-  out << "staging build:  " << pass.staging.chunks << " chunks in " << seconds(pass.staging_seconds) << "\n";
-  out << "swap:           " << seconds(pass.swap_seconds) << "\n";
+  out << "re-used:        " << pass.files_reused << " unchanged files from the index\n";
+  if (pass.unchanged) {
+    out << "staging build:  none, nothing changed\nswap:           none\n";
+  } else {
+    out << "staging build:  " << pass.staging.chunks << " chunks in " << seconds(pass.staging_seconds) << "\n";
+    out << "swap:           " << seconds(pass.swap_seconds) << "\n";
+  }
   out << "rows:\n";
   // Each file has an anchor row in `symbols` that is no symbol of its own.
   print_rows(out, pass.rows,
@@ -394,6 +404,7 @@ int cmd_bench(Context& ctx) {
     options.bench_dir = ctx.self.parent_path().parent_path() / "bench";
   }
   options.tree = ctx.inv.value("--tree").value_or("/usr/include");
+  options.self = ctx.self;
   options.index = !ctx.inv.flag("--no-index");
   options.verbose = ctx.inv.flag("--verbose");
   if (!fs::is_directory(options.bench_dir)) {
@@ -514,9 +525,10 @@ const std::vector<CommandSpec>& command_specs() {
        {}, Access::writes, cmd_swap},
       {"bench", "", 0, 0, "run the benchmarks and print one table",
        "Runs every *_bench program of the build's bench/ folder and an indexing\n"
-       "benchmark of its own (walk + extract, staging build, swap) in a scratch\n"
-       "folder, and prints one table: each figure, its peer measured in the same\n"
-       "run, the ratio and the target.",
+       "benchmark of its own in a scratch folder (index against ctags alone, peak\n"
+       "memory against half the tree, re-index of an unchanged tree, the staging\n"
+       "build's settings), and prints one table: each figure, its peer measured\n"
+       "in the same run, the ratio and the target.",
        {{"--bench-dir", "DIR", "where the *_bench programs are (default: bench/ of this build)"},
         {"--tree", "PATH", "the tree the indexing benchmark indexes (default /usr/include)"},
         {"--no-index", "", "leave out the indexing benchmark"}},

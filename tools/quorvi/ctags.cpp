@@ -2,6 +2,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <charconv>
+#include <cstring>
 #include <regex>
 
 #include "marsk_quorvi/errors.hpp"
@@ -52,8 +55,129 @@ std::string complaints(const std::string& err) {
 
 }  // namespace
 
+namespace {
+
+// A JSON string from `at` (just past its opening quote) into `out`; the
+// position past its closing quote, or npos for what only the full parser
+// should judge (a control character, a bad escape).
+std::size_t read_string(std::string_view s, std::size_t at, std::string& out) {
+  out.clear();
+  while (at < s.size()) {
+    const char c = s[at++];
+    if (c == '"') return at;
+    if (static_cast<unsigned char>(c) < 0x20) return std::string_view::npos;
+    if (c != '\\') {
+      out += c;
+      continue;
+    }
+    if (at >= s.size()) break;
+    switch (const char e = s[at++]) {
+      case '"': case '\\': case '/': out += e; break;
+      case 'b': out += '\b'; break;
+      case 'f': out += '\f'; break;
+      case 'n': out += '\n'; break;
+      case 'r': out += '\r'; break;
+      case 't': out += '\t'; break;
+      default: return std::string_view::npos;  // \u and anything else
+    }
+  }
+  return std::string_view::npos;
+}
+
+std::size_t skip_blanks(std::string_view s, std::size_t at) {
+  while (at < s.size() && (s[at] == ' ' || s[at] == '\t' || s[at] == '\r' || s[at] == '\n')) ++at;
+  return at;
+}
+
+// The flat objects ctags writes, read without building a document: strings,
+// integers, true, false and null values, ASCII only. None when the line
+// holds anything else, which the full parser then reads.
+std::optional<std::optional<Tag>> parse_flat(std::string_view s) {
+  if (std::any_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) >= 0x80; })) {
+    return std::nullopt;
+  }
+  Tag tag;
+  bool is_tag = false, has_name = false, has_path = false, has_line = false;
+  std::string key, text;
+  std::size_t at = skip_blanks(s, 1), close = std::string_view::npos;
+  if (at < s.size() && s[at] == '}') close = at;
+  while (close == std::string_view::npos) {
+    if (at >= s.size() || s[at] != '"' || (at = read_string(s, at + 1, key)) == std::string_view::npos) {
+      return std::nullopt;
+    }
+    at = skip_blanks(s, at);
+    if (at >= s.size() || s[at] != ':') return std::nullopt;
+    at = skip_blanks(s, at + 1);
+    if (at >= s.size()) return std::nullopt;
+    std::optional<std::string> str;
+    std::optional<std::int64_t> num;
+    if (s[at] == '"') {
+      if ((at = read_string(s, at + 1, text)) == std::string_view::npos) return std::nullopt;
+      str = text;
+    } else if (s[at] == '-' || (s[at] >= '0' && s[at] <= '9')) {
+      std::int64_t v = 0;
+      const auto [end, ec] = std::from_chars(s.data() + at, s.data() + s.size(), v);
+      const bool leading_zero = s.substr(at).starts_with("0") && end - (s.data() + at) > 1;
+      if (ec != std::errc() || leading_zero || (end < s.data() + s.size() && std::strchr(".eE", *end))) {
+        return std::nullopt;
+      }
+      at = static_cast<std::size_t>(end - s.data());
+      num = v;
+    } else {
+      bool literal = false;
+      for (std::string_view word : {"true", "false", "null"}) literal = literal || s.substr(at).starts_with(word);
+      if (!literal) return std::nullopt;
+      at += s[at] == 'f' ? 5 : 4;
+    }
+    // Later members win, as in the full parser.
+    const auto take = [&](std::optional<std::string>& field) { field = str; };
+    if (key == "_type") {
+      is_tag = str == "tag";
+    } else if (key == "name") {
+      has_name = str.has_value();
+      tag.name = str.value_or("");
+    } else if (key == "path") {
+      has_path = str.has_value();
+      tag.path = str.value_or("");
+    } else if (key == "line") {
+      has_line = num.has_value();
+      tag.line = num.value_or(0);
+    } else if (key == "kind") {
+      tag.kind = str.value_or("");
+    } else if (key == "end") {
+      tag.end_line = num;
+    } else if (key == "signature") {
+      take(tag.signature);
+    } else if (key == "scope") {
+      take(tag.scope);
+    } else if (key == "scopeKind") {
+      take(tag.scope_kind);
+    } else if (key == "roles") {
+      tag.roles = str.value_or("");
+    } else if (key == "nameref") {
+      take(tag.nameref);
+    }
+    at = skip_blanks(s, at);
+    if (at < s.size() && s[at] == ',') {
+      at = skip_blanks(s, at + 1);
+    } else if (at < s.size() && s[at] == '}') {
+      close = at;
+    } else {
+      return std::nullopt;
+    }
+  }
+  if (skip_blanks(s, close + 1) != s.size()) return std::nullopt;
+  if (!is_tag || !has_name || !has_path || !has_line) return std::optional<Tag>();
+  return std::optional<Tag>(std::move(tag));
+}
+
+}  // namespace
+
 std::optional<Tag> parse_tag_line(std::string_view line) {
   if (line.empty() || line.front() != '{') return std::nullopt;
+  // Every line of a run goes through here: the common case is read without
+  // building a JSON document, the rest by the full parser.
+  if (auto flat = parse_flat(line)) return std::move(*flat);
   auto j = nlohmann::json::parse(line, nullptr, /*allow_exceptions=*/false);
   if (!j.is_object()) return std::nullopt;
   auto type = text_member(j, "_type");
@@ -71,6 +195,8 @@ std::optional<Tag> parse_tag_line(std::string_view line) {
   tag.signature = text_member(j, "signature");
   tag.scope = text_member(j, "scope");
   tag.scope_kind = text_member(j, "scopeKind");
+  tag.roles = text_member(j, "roles").value_or("");
+  tag.nameref = text_member(j, "nameref");
   return tag;
 }
 
@@ -112,7 +238,8 @@ Ctags::Ctags(std::string program) : program_(std::move(program)) {
 }
 
 std::vector<std::string> Ctags::arguments(const std::vector<std::string>& files) {
-  std::vector<std::string> args{"--output-format=json", "--fields=+neKS", "--sort=no", "-f", "-"};
+  std::vector<std::string> args{"--output-format=json", "--fields=+neKSr-Pft", "--sort=no", "-f",
+                                "-",  "--extras=+r",         "--kinds-C=+px", "--kinds-C++=+px"};
   std::string languages = "--languages=";
   for (const auto& lang : parsed_languages()) {
     if (languages.back() != '=') languages += ',';

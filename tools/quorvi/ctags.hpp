@@ -22,7 +22,13 @@ struct Tag {
   std::optional<std::string> signature;
   std::optional<std::string> scope;       // enclosing symbol's name
   std::optional<std::string> scope_kind;  // and its kind
+  // For a reference tag (an include, an import): its roles, comma-separated
+  // ("system", "imported"). Empty, or "def", for a definition.
+  std::string roles;
+  // "kind:name" of what a definition stands for (an import's alias).
+  std::optional<std::string> nameref;
   bool operator==(const Tag&) const = default;
+  bool is_reference() const noexcept { return !roles.empty() && roles != "def"; }
 };
 
 // One line of `ctags --output-format=json`: a tag, or none for pseudo-tags,
@@ -66,7 +72,9 @@ class Ctags {
            const std::vector<int>& inherit = {}) const;
 
   // The ctags argument list for `files`, without the program name and the
-  // leading --options=NONE.
+  // leading --options=NONE: JSON with line, end, scope kind, signature and
+  // roles; C and C++ prototypes and extern variables; reference tags, from
+  // which includes and imports are taken.
   static std::vector<std::string> arguments(const std::vector<std::string>& files);
 
  private:

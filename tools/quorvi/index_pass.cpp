@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 storage::ExtractorVersions extractor_versions(const Ctags* ctags) {
   storage::ExtractorVersions versions;
   if (!ctags) return versions;
-  for (const auto& lang : parsed_languages()) versions[lang] = ctags->version();
+  for (const auto& lang : parsed_languages()) versions[lang] = ctags->version().number() * 100 + EXTRACTION_REVISION;
   return versions;
 }
 
@@ -44,21 +44,42 @@ void build_pass(IndexPass& pass, const fs::path& repo, const fs::path& db_path, 
   });
   pass.files_walked = walked.files.size();
   pass.pruned = walked.pruned;
-  ExtractOptions extract_options = options;
-  extract_options.on_progress = [&](std::size_t done, std::size_t total) {
-    progress.show("extracting: " + std::to_string(done) + "/" + std::to_string(total) + " files");
+  const auto stamp = extractor_versions(ctags);
+  const auto build = [&](bool reuse) {
+    IndexPass out = pass;
+    StagingWriter writer(staging, repo, reuse ? std::optional(db_path) : std::nullopt, stamp);
+    for (const auto& p : walked.problems) writer.error({p.path, p.error_type, p.message, std::nullopt});
+    ExtractOptions extract_options = options;
+    extract_options.reuse = &writer.reusable();
+    extract_options.on_progress = [&](std::size_t done, std::size_t total) {
+      progress.show("extracting and writing: " + std::to_string(done) + "/" + std::to_string(total) + " files");
+    };
+    extract_batches(repo, walked, ctags, extract_options, [&](ExtractedBatch&& batch) {
+      out.files_indexed += batch.files.size();
+      out.file_errors += batch.errors.size();
+      for (const auto& f : batch.files) out.files_reused += f.reuse_id.has_value();
+      writer.add(std::move(batch));
+    });
+    out.walk_extract_seconds = since(start);
+    const auto finishing = std::chrono::steady_clock::now();
+    progress.show("building staging index: indexes", true);
+    out.staging = writer.finish();
+    out.staging_seconds = since(finishing);
+    out.file_errors += walked.problems.size();
+    out.tags = out.staging.symbols;
+    out.unchanged = writer.unchanged();
+    if (out.unchanged) out.rows = writer.live_rows();
+    return out;
   };
-  auto extraction = extract(repo, walked, ctags, extract_options);
-  pass.walk_extract_seconds = since(start);
-  pass.files_indexed = extraction.files.size();
-  pass.file_errors = extraction.errors.size();
-  pass.tags = extraction.tags;
-
-  start = std::chrono::steady_clock::now();
-  pass.staging = build_staging(staging, repo, extraction, [&](std::size_t done, std::size_t total) {
-    progress.show("building staging index: " + std::to_string(done) + "/" + std::to_string(total) + " files");
-  });
-  pass.staging_seconds = since(start);
+  try {
+    pass = build(true);
+  } catch (const storage::Error& e) {
+    // The live index may be damaged where its rows were copied from; the
+    // swap then sets it aside, and this pass must not depend on it.
+    if (!e.damaged()) throw;
+    start = std::chrono::steady_clock::now();
+    pass = build(false);
+  }
 }
 
 void swap_pass(IndexPass& pass, storage::Database& db, const fs::path& staging, Progress& progress) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <regex>
 #include <utility>
 
 namespace marsk_quorvi::cli {
@@ -72,6 +73,41 @@ std::string language_for(std::string_view file_name) {
   if (auto lang = by_extension(ext)) return *lang;
   if (auto lang = by_extension(lower(ext))) return *lang;
   return TEXT_LANGUAGE;
+}
+
+bool text_may_decide_language(std::string_view rel_path) {
+  const auto name = rel_path.substr(rel_path.rfind('/') + 1);
+  return name.find('.') == std::string_view::npos && language_for(name) == TEXT_LANGUAGE;
+}
+
+std::string language_of(std::string_view rel_path, std::string_view head) {
+  const auto slash = rel_path.rfind('/');
+  const auto name = rel_path.substr(slash + 1);
+  if (!text_may_decide_language(rel_path)) return language_for(name);
+  // Emacs reads its mode line from the first line, or the second after a
+  // "#!" line; a few more lines allow for a licence banner's opening.
+  std::size_t end = 0;
+  for (int line = 0; line < 3 && end != std::string_view::npos; ++line) {
+    end = head.find('\n', end);
+    if (end != std::string_view::npos) ++end;
+  }
+  static const std::regex mode(R"(-\*-[^\n]*[^a-z]c\+\+[^\n]*-\*-)", std::regex::icase);
+  const auto lines = head.substr(0, std::min(end, std::size_t{1024}));
+  if (std::regex_search(lines.begin(), lines.end(), mode)) return "cpp";
+  static const std::regex library_name("[a-z][a-z0-9_]*");
+  if (slash == std::string_view::npos || !std::regex_match(name.begin(), name.end(), library_name)) {
+    return TEXT_LANGUAGE;
+  }
+  const std::string folders = "/" + std::string(rel_path.substr(0, slash)) + "/";
+  const bool include_tree = folders.find("/include/") != std::string::npos || folders.find("/c++/") != std::string::npos;
+  return include_tree ? "cpp" : TEXT_LANGUAGE;
+}
+
+std::optional<std::string> extension_for(std::string_view language) {
+  for (const auto& [ext, lang] : kExtensions) {
+    if (language == lang) return ext;
+  }
+  return std::nullopt;
 }
 
 std::optional<std::string> ctags_parser(std::string_view language) {

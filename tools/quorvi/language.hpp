@@ -20,6 +20,22 @@ inline constexpr const char* TEXT_LANGUAGE = "text";
 // `.R` is R). TEXT_LANGUAGE when nothing matches.
 std::string language_for(std::string_view file_name);
 
+// Whether the text of the file at `rel_path` ('/'-separated) can decide its
+// language: a name without an extension that no rule names.
+bool text_may_decide_language(std::string_view rel_path);
+
+// The language of the file at `rel_path` whose text begins with `head`: as
+// language_for tells it, except that a name without an extension is C++
+// when an editor mode line in its first lines says so (`-*- C++ -*-`) or
+// when it looks like a standard library header (lower-case letters, digits
+// and '_', as `vector` or `string_view`) in a folder below one named
+// `include` or `c++`.
+std::string language_of(std::string_view rel_path, std::string_view head);
+
+// An extension that ctags reads as `language` (the first the table gives
+// it), for a file whose own name would not tell ctags.
+std::optional<std::string> extension_for(std::string_view language);
+
 // The Universal Ctags parser name of a language whose symbols are extracted
 // ("C++" for "cpp"), none for a language that only contributes text.
 std::optional<std::string> ctags_parser(std::string_view language);

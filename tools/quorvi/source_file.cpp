@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 
@@ -111,6 +112,17 @@ SourceText read_source(int root, std::string_view rel, std::int64_t max_bytes, b
   }
   if (keep_open) out.file = std::move(file);
   return out;
+}
+
+std::string content_hash(std::string_view text) {
+  std::uint64_t h = 14695981039346656037ull;
+  for (unsigned char c : text) {
+    h ^= c;
+    h *= 1099511628211ull;
+  }
+  char buf[17];
+  std::snprintf(buf, sizeof buf, "%016llx", static_cast<unsigned long long>(h));
+  return buf;
 }
 
 std::int64_t count_lines(const std::string& text) {

@@ -98,15 +98,32 @@ TEST(Ctags, ReadsVersionsAndEndsTheChildWhenTheLineHandlerThrows) {
   EXPECT_EQ(parse_ctags_version("Exuberant Ctags 5.8, Copyright"), std::nullopt);
   // Without the kill this never returns.
   EXPECT_THROW(run_process({"yes"}, [](std::string_view) { throw std::runtime_error("enough"); }), std::runtime_error);
+  // Tag lines, read by the quick reader or, for what it leaves alone, by the JSON parser: name|line|end|roles|scope.
+  const std::string t = R"({"_type": "tag", "path": "p", )";
+  const std::pair<std::string, std::string> lines[] = {
+      {t + R"("name": "a\"b\\c\/\t", "line": 3, "end": 9, "roles": "def", "scope": "S"})", "a\"b\\c/\t|3|9|def|S"},
+      {t + R"("name": "\u00e9\u0041", "line": 1, "end": true, "scope": null, "x": [1, {}]})", "\u00e9A|1|-||-"},
+      {t + "\"name\": \"\xc3\xa9\", \"line\": -2, \"end\": 1.5}  ", "\xc3\xa9|-2|-||-"},
+      {t + R"("name": "n", "line": 4, "name": "m", "roles": "system,local"})", "m|4|-|system,local|-"},
+      {t + R"("name": "n", "line": "4"})", "none"}, {t + R"("name": 5, "line": 4})", "none"},
+      {t + R"("name": "n", "line": 04})", "none"}, {t + R"("name": "n", "line": 4} x)", "none"},
+      {t + R"("name": "n", "line": 4,})", "none"}, {t + "\"name\": \"\xff\", \"line\": 4}", "none"},
+      {R"({"_type": "ptag", "name": "n", "path": "p", "line": 1})", "none"}, {"{}", "none"}, {"{broken", "none"}};
+  for (const auto& [line, want] : lines) {
+    const auto tag = parse_tag_line(line);
+    EXPECT_EQ(!tag ? "none" : tag->name + "|" + std::to_string(tag->line) + "|" +
+                                  (tag->end_line ? std::to_string(*tag->end_line) : "-") + "|" + tag->roles + "|" +
+                                  tag->scope.value_or("-"), want) << line;
+  }
 }
 
 TEST_F(QuorviDb, StagingHoldsWhatBatchesOnThreadsExtractAndNothingWhenItFails) {
-  // Tags out of line order, one in a scope no tag defines, lines that are no tags; fails when given "poison".
+  // Tags out of line order, one in a scope no tag defines, lines that are no tags; fails on a file that says "poison".
   write(path("ctags"),
         "#!/bin/sh\n[ \"$1\" = --options=NONE ] || exit 9\nshift\n"
         "[ \"$1\" = --version ] && echo 'Universal Ctags 9.8.7, +json' && exit 0\n"
         "t() { printf '{\"_type\": \"%s\", \"path\": \"%s\", %s}\\n' \"${2:-tag}\" \"$a\" \"$1\"; }\n"
-        "for a; do case \"$a\" in *poison*) echo 'ctags: cannot parse' >&2; exit 1;; esac\n"
+        "for a; do if grep -qs -e poison -- \"$a\"; then echo 'ctags: cannot parse' >&2; exit 1; fi\n"
         "  t '\"name\": \"two\", \"line\": 2, \"scope\": \"one\", \"signature\": \"()\"'\n"
         "  t '\"name\": \"one\", \"line\": 1, \"end\": 2, \"kind\": \"class\"'\n"
         "  t '\"name\": \"lost\", \"line\": 3, \"end\": \"9\", \"scope\": \"nowhere\"'\n"
@@ -115,12 +132,16 @@ TEST_F(QuorviDb, StagingHoldsWhatBatchesOnThreadsExtractAndNothingWhenItFails) {
   const Ctags ctags(path("ctags").string());
   EXPECT_EQ(ctags.version().number(), 90807);
   const fs::path repo = path("repo"), staging = path("index.db.staging");
-  for (const char* name : {"a.c", "m.c", "poison.c", "z.md"}) write(repo / name, "int x;\n\n");
+  for (const char* name : {"a.c", "m.c", "poison.c", "z.md"}) write(repo / name, name + std::string(";\n\n"));
   write(repo / "blob.c", std::string("\0\1", 2));
   // Two files a batch on three threads: [a.c blob.c] [m.c poison.c] [z.md].
   std::size_t most = 0;
   const auto progress = [&](std::size_t done, std::size_t of) { EXPECT_EQ(of, 5u); most = std::max(most, done); };
   const auto ex = extract(repo, walk_repository(repo, {}), &ctags, {0, 3, 2, 8u << 20, progress});
+  // A writer that fails stops the threads, which wait for it one batch ahead.
+  EXPECT_THROW(extract_batches(repo, walk_repository(repo, {}), &ctags, {0, 3, 1, 8u << 20, {}, nullptr, 1},
+                               [](ExtractedBatch&&) { throw std::runtime_error("disk full"); }),
+               std::runtime_error);
   write(staging, "left over from a crash");
   const auto c = build_staging(staging, repo, ex);
   EXPECT_EQ(most, 5u);  // every file of five counted once
@@ -151,6 +172,85 @@ TEST_F(QuorviDb, StagingHoldsWhatBatchesOnThreadsExtractAndNothingWhenItFails) {
               ::testing::ThrowsMessage<marsk_quorvi::RuntimeError>(
                   "Universal Ctags is needed to extract symbols (cannot run /nonexistent/ctags: No such file or "
                   "directory); install the Debian package universal-ctags"));
+}
+
+TEST_F(QuorviDb, IncludesAndImportsResolveToFilesOfTheRepository) {
+  const fs::path repo = path("repo"), staging = path("s.db");
+  const std::pair<const char*, const char*> files[] = {
+      {"src/main.c", "#include \"util.h\"\n#include <lib/api.h>\n#include <stdio.h>\n#include \"../include/c++/vector\"\n"
+                     "extern int counter;\nint helper(int);\nint main(void) { return helper(counter); }\n"},
+      {"src/util.h", "#include \"util.h\"\n"},  // itself: no edge
+      {"include/lib/api.h", ""}, {"vendor/x/lib/api.h", ""},  // the shorter path wins
+      {"src/deep/a.c", "#include <conf.h>\n"}, {"b/conf.h", ""}, {"src/conf.h", ""},  // the nearer folder wins
+      {"include/c++/vector", "namespace std { template <class T> class vector {}; }\n"},
+      {"tools/cfg", "// -*- C++ -*-\nstruct Cfg {};\n"}, {"tools/notes", "struct NotCode {};\n"},
+      {"pkg/app.py", "import os\nfrom pkg import util as u\nimport pkg.helpers\n"}, {"pkg/util.py", ""},
+      {"pkg/helpers/__init__.py", ""}};
+  for (const auto& [name, text] : files) write(repo / name, text);
+  const Ctags ctags;
+  const auto c = build_staging(staging, repo, extract(repo, walk_repository(repo, {}), &ctags, {}));
+  EXPECT_EQ(std::tie(c.imports, c.edges), std::make_tuple(9, 6));
+  const std::pair<std::string, std::string> cases[] = {
+      {"SELECT f.path, e.line, e.kind, e.resolution, t.fqn FROM edges e JOIN symbols s ON s.id = e.source_id "
+       "JOIN files f ON f.id = s.file_id JOIN symbols t ON t.id = e.target_id AND t.kind = 'module' ORDER BY e.id",
+       "pkg/app.py|2|imports|exact|pkg/util.py\npkg/app.py|3|imports|exact|pkg/helpers/__init__.py\n"
+       "src/deep/a.c|1|includes|exact|src/conf.h\nsrc/main.c|1|includes|exact|src/util.h\n"
+       "src/main.c|2|includes|exact|include/lib/api.h\nsrc/main.c|4|includes|exact|include/c++/vector\n"},
+      {"SELECT group_concat(module || ':' || ifnull(name, '') || ':' || ifnull(alias, '') || ':' || line, ' ') "
+       "FROM external_imports",
+       "os:::1 pkg:util:u:2 pkg.helpers:::3 conf.h:::1 util.h:::1 lib/api.h:::2 stdio.h:::3 ../include/c++/vector:::4 "
+       "util.h:::1\n"},
+      {"SELECT group_concat(x, ' ') FROM (SELECT f.path || ':' || f.language || ':' || ifnull(s.name || '/' || s.kind, "
+       "'') AS x FROM files f LEFT JOIN symbols s ON s.file_id = f.id AND s.kind <> 'module' WHERE f.path IN "
+       "('src/main.c', 'include/c++/vector', 'tools/cfg', 'tools/notes') ORDER BY f.path, s.id)",
+       "include/c++/vector:cpp:std/namespace include/c++/vector:cpp:vector/class src/main.c:c:counter/externvar "
+       "src/main.c:c:helper/prototype src/main.c:c:main/function tools/cfg:cpp:Cfg/struct tools/notes:text:\n"}};
+  for (const auto& [sql, rows] : cases) EXPECT_EQ(rows_of(staging, sql), rows) << sql;
+  // This repository's own includes.
+  const fs::path self = QUORVI_SOURCE_DIR;
+  const auto own = build_staging(staging, self, extract(self, walk_repository(self, IgnoreRules::load(self)), &ctags, {}));
+  EXPECT_GT(own.imports, 100);
+  EXPECT_GT(own.edges, 50);
+}
+
+TEST_F(QuorviDb, UnchangedFilesReuseTheLiveRowsAsAFullParseWouldWriteThem) {
+  const fs::path repo = path("repo"), live = path("live.db"), fresh = path("fresh.db");
+  write(repo / "a.c", "#include \"b.h\"\nstruct S { int x; };\nint f(void) { return 1; }\n");
+  write(repo / "b.h", "int f(void);\n");
+  write(repo / "c.py", "import a\nclass C:\n    def m(self):\n        pass\n");
+  write(repo / "big.c", std::string(3000, 'x'));  // an error row, kept as it is
+  const Ctags ctags;
+  Progress progress;
+  // Builds `db` from the repository (re-using its rows where it may) and dumps every row with its ids.
+  const auto index = [&](const fs::path& db) {
+    IndexPass pass;
+    const auto staging = path("s.db");
+    build_pass(pass, repo, db, staging, &ctags, {2000, 2, 2}, progress);
+    storage::Database d(db);
+    open_like_the_service(d);
+    d.refresh_extractor_stamp(extractor_versions(&ctags));
+    if (!pass.unchanged) swap_pass(pass, d, staging, progress);
+    d.close();
+    std::string rows;
+    for (const char* t : {"components", "files", "symbols", "edges", "external_imports", "index_errors"}) {
+      rows += rows_of(db, std::string("SELECT * FROM ") + t + " ORDER BY id");
+    }
+    rows += rows_of(db, "SELECT rowid, * FROM code_chunks ORDER BY rowid");
+    return std::make_tuple(pass.files_reused, pass.unchanged, rows);
+  };
+  const auto first = index(live);
+  EXPECT_EQ(first, std::make_tuple(0u, false, std::get<2>(first)));
+  EXPECT_EQ(index(live), std::make_tuple(3u, true, std::get<2>(first)));  // nothing written, nothing swapped
+  write(repo / "c.py", "import a\nclass C:\n    def n(self):\n        pass\n");
+  write(repo / "0.h", "struct T;\n");  // ahead of every file: all ids move
+  fs::last_write_time(repo / "b.h", fs::last_write_time(repo / "b.h") - std::chrono::seconds(5));  // parsed again
+  const auto changed = index(live);
+  EXPECT_EQ(changed, std::make_tuple(1u, false, std::get<2>(index(fresh))));
+  EXPECT_THAT(std::get<2>(changed), HasSubstr("|c.py::C.n|member|"));
+  // Rows of another extractor are not re-used.
+  storage::Connection::open(live.string())->execute("UPDATE schema_info SET value = '{\"c\": 1}' "
+                                                    "WHERE key = 'extractor_versions'");
+  EXPECT_EQ(index(live), std::make_tuple(0u, false, std::get<2>(changed)));
 }
 
 #ifdef QUORVI_DB_EXE
@@ -488,6 +588,7 @@ TEST_F(QuorviDb, OneIndexRunAtATimeReadersNeverWaitAndTerminalsSeeNoEscapes) {
   const std::string path_env = "PATH=" + bin.string() + ":" + std::getenv("PATH");
   for (const int sig : {SIGTERM, SIGINT}) {
     fs::remove(mark);
+    write(repo / "b.c", std::to_string(sig));  // a file to parse: the others are re-used
     const auto first = start({{"index", repo, "--db", db}, 0, "", "", {path_env}}, dir_);
     for (int i = 0; i < 3000 && slurp(mark).empty(); ++i) ::usleep(10000);
     run({{"index", repo, "--db", db}, 4, "",
