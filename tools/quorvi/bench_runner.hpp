@@ -27,7 +27,8 @@ bool run_benchmarks(const BenchOptions& options, std::ostream& out, std::ostream
 // Runs `quorvi` (this tool's executable) `index` on `tree` in child
 // processes, each timed and its peak RSS read from wait4, and reports
 // against peers measured in the same run: the wall time against Universal
-// Ctags alone over the same tree with the same options (one `ctags -R`);
+// Ctags alone over the same tree with the same options (one `ctags -R`),
+// and with the default fields the index leaves out;
 // the peak RSS against a fixed limit and against the index of half the tree
 // (the first half of its files, copied to a scratch folder); a re-index of
 // the unchanged tree against the first index, and whether it left the same

@@ -62,7 +62,7 @@ void build_pass(IndexPass& pass, const fs::path& repo, const fs::path& db_path, 
     });
     out.walk_extract_seconds = since(start);
     const auto finishing = std::chrono::steady_clock::now();
-    progress.show("building staging index: indexes", true);
+    progress.show("building staging index: includes and imports", true);
     out.staging = writer.finish();
     out.staging_seconds = since(finishing);
     out.file_errors += walked.problems.size();

@@ -1,5 +1,7 @@
-// The staging index: a complete index file, built from one extraction in a
-// single transaction, for the live index to be replaced from.
+// The staging index: the rows of a new index, written in a single
+// transaction for the live index to be replaced from, either from one
+// extraction held in memory (build_staging) or batch by batch as extraction
+// goes (StagingWriter).
 #pragma once
 
 #include <cstdint>
@@ -31,9 +33,9 @@ std::filesystem::path staging_path_for(const std::filesystem::path& db_path);
 // Harmless when none exists.
 void remove_database_files(const std::filesystem::path& path);
 
-// How a staging file is written. Every mode writes without a journal and
-// without syncs, since a staging file that a crash interrupts is deleted and
-// built again, but `journaled`, and with a page cache of a fixed size and
+// How a staging file is written. All but `journaled` write without a
+// journal and without syncs, since a staging file that a crash interrupts
+// is deleted and built again; all keep a page cache of a fixed size and
 // temporary data on disk, so that memory does not grow with the tree.
 //   swap_only:  what an index pass writes, for the swap that follows and
 //               nothing else: code_chunks is a plain table of FTS5's columns
