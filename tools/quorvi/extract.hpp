@@ -94,9 +94,10 @@ struct ExtractOptions {
   // modification time, content hash and language match its entry is read
   // (for the hash) but not parsed.
   const ReuseMap* reuse = nullptr;
-  // Batches done and waiting for the writer besides the one each thread
-  // has in hand: what bounds the memory of a pass, whatever the size of
-  // the tree. 0: one.
+  // Batches that may wait done for the writer besides the one each thread
+  // has in hand: with those, what bounds the memory of a pass, whatever the
+  // size of the tree. 0: none; a thread that is done ahead of the writer
+  // waits for it.
   std::size_t ahead = 0;
 };
 

@@ -214,7 +214,7 @@ TEST_F(QuorviDb, IncludesAndImportsResolveToFilesOfTheRepository) {
 }
 
 TEST_F(QuorviDb, UnchangedFilesReuseTheLiveRowsAsAFullParseWouldWriteThem) {
-  const fs::path repo = path("repo"), live = path("live.db"), fresh = path("fresh.db");
+  const fs::path repo = path("repo"), live = path("live #%?.db"), fresh = path("fresh.db");  // a name URIs must escape
   write(repo / "a.c", "#include \"b.h\"\nstruct S { int x; };\nint f(void) { return 1; }\n");
   write(repo / "b.h", "int f(void);\n");
   write(repo / "c.py", "import a\nclass C:\n    def m(self):\n        pass\n");
