@@ -20,6 +20,7 @@
 #include "marsk_quorvi/storage/storage_size.hpp"
 #include "quorvi/index_pass.hpp"
 #include "quorvi/progress.hpp"
+#include "quorvi/search.hpp"
 #include "quorvi/language.hpp"
 #include "quorvi/subprocess.hpp"
 
@@ -253,6 +254,67 @@ std::vector<std::int64_t> table_counts(const fs::path& db) {
 
 }  // namespace
 
+// Identifiers of /usr/include on Debian 12 and the header that defines each:
+// where `def` and `search` put that header is the figure.
+constexpr std::pair<const char*, const char*> kKnownDefinitions[] = {
+    {"memcpy", "string.h"},
+    {"strlen", "string.h"},
+    {"fopen", "stdio.h"},
+    {"printf", "stdio.h"},
+    {"malloc", "stdlib.h"},
+    {"pthread_create", "pthread.h"},
+    {"epoll_wait", "x86_64-linux-gnu/sys/epoll.h"},
+    {"deflate", "zlib.h"},
+    {"sqlite3_open", "sqlite3.h"},
+    {"FILE", "x86_64-linux-gnu/bits/types/FILE.h"},
+    {"EOF", "stdio.h"},
+    {"errno", "errno.h"},
+    {"z_stream", "zlib.h"},
+    {"pthread_mutex_t", "x86_64-linux-gnu/bits/pthreadtypes.h"},
+    {"timespec", "x86_64-linux-gnu/bits/types/struct_timespec.h"},
+    {"uint32_t", "x86_64-linux-gnu/bits/stdint-uintn.h"},
+    {"vector", "c++/12/bits/stl_vector.h"},
+    {"unique_ptr", "c++/12/bits/unique_ptr.h"},
+    {"shared_ptr", "c++/12/bits/shared_ptr.h"},
+    {"map", "c++/12/bits/stl_map.h"},
+};
+
+// def and search over the index of `tree`, for the known identifiers whose
+// header the tree has, and the latency of a search of one common word.
+std::vector<BenchRow> definition_rows(const fs::path& tree, const fs::path& db_path) {
+  storage::Database db(db_path, storage::OpenMode::ReadOnly);
+  db.connect();
+  double probes = 0, def_first = 0, search_top3 = 0, slowest = 0;
+  for (const auto& [name, header] : kKnownDefinitions) {
+    if (!fs::exists(tree / header)) continue;
+    const auto probe = probe_definition(db, name, header, 20);
+    ++probes;
+    def_first += probe.def_rank == 1;
+    search_top3 += probe.search_rank >= 1 && probe.search_rank <= 3;
+    slowest = std::max({slowest, probe.def_seconds, probe.search_seconds});
+  }
+  const auto timed = [&](std::int64_t limit) {
+    double best = 1e300;
+    for (int round = 0; round < 3; ++round) {
+      const auto start = Clock::now();
+      (void)search(db, "const", limit);
+      best = std::min(best, since(start));
+    }
+    return best * 1000;
+  };
+  const std::string src = "quorvi-db";
+  std::vector<BenchRow> rows;
+  if (probes > 0) {
+    rows.push_back(bench_row(src, "def.defining_file_first", def_first, "names", "names probed", probes, ">= 1"));
+    rows.push_back(bench_row(src, "search.defining_chunk_top3", search_top3, "names", "names probed", probes, ">= 0.9"));
+    rows.push_back(bench_row(src, "def_or_search.slowest_probe", slowest * 1000, "ms", "", 0, "-"));
+  }
+  rows.push_back(bench_row(src, "search.one_word.limit20", timed(20), "ms", "limit", 50, "<= 1"));
+  rows.push_back(bench_row(src, "search.one_word.limit1000", timed(1000), "ms", "limit", 500, "<= 1"));
+  db.close();
+  return rows;
+}
+
 std::vector<BenchRow> index_benchmark(const fs::path& tree, const fs::path& quorvi, std::ostream& err) {
   std::string pattern = (fs::temp_directory_path() / "quorvi-bench-XXXXXX").string();
   if (!::mkdtemp(pattern.data())) throw OSError("cannot make a scratch folder in " + fs::temp_directory_path().string());
@@ -290,6 +352,8 @@ std::vector<BenchRow> index_benchmark(const fs::path& tree, const fs::path& quor
   err << "indexing benchmark: index, half index, re-index\n";
   const auto full = index(tree, scratch / "full.db");
   const auto halved = index(half, scratch / "half.db");
+  err << "indexing benchmark: def and search on the index\n";
+  auto definitions = definition_rows(tree, scratch / "full.db");
   const auto before = table_counts(scratch / "full.db");
   const auto again = index(tree, scratch / "full.db");
   const bool same = table_counts(scratch / "full.db") == before &&
@@ -343,6 +407,7 @@ std::vector<BenchRow> index_benchmark(const fs::path& tree, const fs::path& quor
   row("staging.half.index_file", index_file, "s", "same rows, bare sqlite3 API", raw_peer, "<= 1.25");
   row("index.files", static_cast<double>(walked.files.size()), "files", "half", static_cast<double>(half_files), "-");
   row("index.throughput", static_cast<double>(bytes) / 1048576.0 / full.seconds, "MiB/s", "", 0, "-");
+  for (auto& r : definitions) rows.push_back(std::move(r));
   return rows;
 }
 
