@@ -17,4 +17,7 @@ if ! grep -q 'swap_index_from' <<<"$hits"; then
   exit 1
 fi
 echo
+echo "def: swap_index_from"
+"$tool" def swap_index_from --limit 3
+echo
 "$tool" stats
