@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <random>
 
 #include "marsk_quorvi/storage/logging.hpp"
@@ -142,6 +143,29 @@ std::unique_ptr<TestDb> IndexTest::open(const std::filesystem::path& file) {
   db->create_schema();
   db->migrate_schema();
   return db;
+}
+
+std::string file_bytes(const std::filesystem::path& p) {
+  if (!std::filesystem::is_regular_file(p)) return {};  // a FIFO would block the open
+  std::ifstream in(p, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void write(const std::filesystem::path& p, const std::string& text, bool executable) {
+  std::filesystem::create_directories(p.parent_path());
+  std::ofstream(p, std::ios::binary) << text;
+  if (executable) std::filesystem::permissions(p, std::filesystem::perms::owner_all);
+}
+
+std::string rows_of(const std::filesystem::path& file, const std::string& sql) {
+  auto conn = storage::Connection::open(file.string());
+  std::string out;
+  for (const auto& row : conn->execute(sql).fetchall()) {
+    for (std::size_t i = 0; i < row.size(); ++i) out += (i ? "|" : "") + row[i].to_text();
+    out += "\n";
+  }
+  conn->close();
+  return out;
 }
 
 }  // namespace marsk_quorvi::testing

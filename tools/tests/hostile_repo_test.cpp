@@ -23,15 +23,11 @@
 namespace fs = std::filesystem;
 namespace layout = marsk_quorvi::storage::core_schema;
 using namespace marsk_quorvi::cli;
+using marsk_quorvi::testing::write;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
 namespace {
-
-void write(const fs::path& p, const std::string& text) {
-  fs::create_directories(p.parent_path());
-  std::ofstream(p, std::ios::binary) << text;
-}
 
 // The walk as one string: the files (kinds other than regular in brackets),
 // then a line per problem.
@@ -51,11 +47,7 @@ TEST_F(Hostile, WalkStaysInsideAndReadsOnlyARegularGitignore) {
   write(path("outside/secret.c"), "int secret;\n");
   const auto link = [](const fs::path& target, const fs::path& at) { fs::create_symlink(target, at); };
   const std::string out_of = "leads outside the repository; not followed";
-  struct Case {
-    std::function<void(const fs::path&)> make;
-    std::string walk;
-  };
-  const Case cases[] = {
+  const std::pair<std::function<void(const fs::path&)>, std::string> cases[] = {  // how to make it, its walk
       {[&](const fs::path& r) {
          write(r / "a.c", "");
          link(path("outside/secret.c"), r / "abs.c");
@@ -89,11 +81,11 @@ TEST_F(Hostile, WalkStaysInsideAndReadsOnlyARegularGitignore) {
       {[&](const fs::path& r) { write(r / ".gitignore", "src/\n"); }, ".gitignore "},
   };
   int n = 0;
-  for (const auto& c : cases) {
+  for (const auto& [make, walk] : cases) {
     const fs::path repo = path("repo" + std::to_string(++n));
     write(repo / "src/x.c", "");
-    c.make(repo);
-    EXPECT_EQ(walked(repo), c.walk) << repo;
+    make(repo);
+    EXPECT_EQ(walked(repo), walk) << repo;
   }
   // The walk as a whole fails loudly, never as an empty repository.
   write(path("file"), "");
