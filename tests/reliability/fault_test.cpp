@@ -503,10 +503,6 @@ TEST_F(BadStaging, IsRefusedAndLeavesLiveIndexStagingFileAndHandleAsTheyWere) {
     if (log >= 0) fs::resize_file(path(name + "-wal"), log);
     return path(name);
   };
-  auto written = [&](const std::string& name, const std::string& text) {
-    std::ofstream(path(name), std::ios::binary) << text;
-    return path(name);
-  };
   auto edited = [&](const char* name, const char* ddl) {
     return make_staging_file(path(name), {30, 30}, [&](storage::Database& s) { s.connection()->executescript(ddl); });
   };
@@ -517,9 +513,9 @@ TEST_F(BadStaging, IsRefusedAndLeavesLiveIndexStagingFileAndHandleAsTheyWere) {
       {path("absent/missing.db"), missing},
       {odd + "/missing 'quoted\".db", missing},
       {odd, "OperationalError unable to open database: "},
-      {written("empty.db", ""), "OperationalError no such table: stg.components"},
-      {written("short-text.txt", "not an index\n"), not_index},
-      {written("text-of-pages.py", std::string(3 * kPage + 17, 'x')), not_index},
+      {write(path("empty.db"), ""), "OperationalError no such table: stg.components"},
+      {write(path("short-text.txt"), "not an index\n"), not_index},
+      {write(path("text-of-pages.py"), std::string(3 * kPage + 17, 'x')), not_index},
       {cut(whole, "only-its-header.db", 100), malformed},
       {cut(whole, "one-page.db", kPage), malformed},
       {cut(whole, "half-its-pages.db", size / kPage / 2 * kPage), malformed},

@@ -52,13 +52,6 @@ constexpr const char* kStateQuery = R"sql(SELECT
      (SELECT ifnull(substr(min(name), 6), 'none') FROM components)),
   (SELECT substr(text, 1, 48) FROM code_chunks WHERE rowid = (SELECT max(rowid) FROM code_chunks)))sql";
 
-// A row as the peer prints it, its columns joined by '|'.
-std::string joined(const storage::Row& row) {
-  std::string line;
-  for (std::size_t i = 0; i < row.size(); ++i) line += (i ? "|" : "") + row[i].to_text();
-  return line;
-}
-
 // empty.db and staging-0.db .. staging-3.db, in rollback-journal mode so that attaching makes no -wal.
 struct States {
   fs::path dir;

@@ -151,19 +151,23 @@ std::string file_bytes(const std::filesystem::path& p) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-void write(const std::filesystem::path& p, const std::string& text, bool executable) {
+std::filesystem::path write(const std::filesystem::path& p, const std::string& text, bool executable) {
   std::filesystem::create_directories(p.parent_path());
   std::ofstream(p, std::ios::binary) << text;
   if (executable) std::filesystem::permissions(p, std::filesystem::perms::owner_all);
+  return p;
+}
+
+std::string joined(const storage::Row& row) {
+  std::string line;
+  for (std::size_t i = 0; i < row.size(); ++i) line += (i ? "|" : "") + row[i].to_text();
+  return line;
 }
 
 std::string rows_of(const std::filesystem::path& file, const std::string& sql) {
   auto conn = storage::Connection::open(file.string());
   std::string out;
-  for (const auto& row : conn->execute(sql).fetchall()) {
-    for (std::size_t i = 0; i < row.size(); ++i) out += (i ? "|" : "") + row[i].to_text();
-    out += "\n";
-  }
+  for (const auto& row : conn->execute(sql).fetchall()) out += joined(row) + "\n";
   conn->close();
   return out;
 }

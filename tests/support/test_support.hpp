@@ -83,9 +83,11 @@ State index_content(const State& state);
 
 // A file's whole content; empty when there is none (or it is no regular file).
 std::string file_bytes(const std::filesystem::path& p);
-// Writes `text` to `p`, making its folders; `executable` for a script.
-void write(const std::filesystem::path& p, const std::string& text, bool executable = false);
-// The rows of `sql` on `file`, columns joined by '|', one line each.
+// Writes `text` to `p`, making its folders; `executable` for a script. Returns `p`.
+std::filesystem::path write(const std::filesystem::path& p, const std::string& text, bool executable = false);
+// A row as the peer prints it, its columns joined by '|'.
+std::string joined(const storage::Row& row);
+// The rows of `sql` on `file`, joined, one line each.
 std::string rows_of(const std::filesystem::path& file, const std::string& sql);
 
 // A fresh temporary directory per test, and handles opened the way a service

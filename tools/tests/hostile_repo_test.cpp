@@ -11,9 +11,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "marsk_quorvi/storage/core_schema.hpp"
 #include "quorvi/source_file.hpp"
 #include "quorvi/staging.hpp"
@@ -189,26 +186,16 @@ TEST_F(Hostile, IndexesTheHostileRepositoryWithNothingFromOutside) {
                               path("h/repo"), QUORVI_DB_EXE, db},
                              [&](std::string_view l) { (out += l) += "\n"; });
   EXPECT_EQ(r.exit_code, 0) << r.err;
-  for (const auto& file : fs::directory_iterator(db.parent_path())) {
-    std::ostringstream bytes;
-    bytes << std::ifstream(file.path(), std::ios::binary).rdbuf();
-    out += bytes.str();
-  }
+  for (const auto& file : fs::directory_iterator(db.parent_path())) out += marsk_quorvi::testing::file_bytes(file.path());
   EXPECT_THAT(out + r.err, Not(HasSubstr("SECRET")));  // both the text and the symbol from outside
-  auto conn = marsk_quorvi::storage::Connection::open(db.string());
-  std::string rows;
-  for (const auto& row : conn->execute("SELECT f.path || ':' || s.name FROM symbols s JOIN files f ON f.id = s.file_id "
-                                       "WHERE s.kind != 'module' UNION ALL SELECT file_path || ':' || error_type "
-                                       "FROM index_errors ORDER BY 1")
-                             .fetchall()) {
-    rows += row[0].to_text() + " ";
-  }
-  conn->close();
-  EXPECT_EQ(rows,
+  EXPECT_EQ(marsk_quorvi::testing::rows_of(
+                db, "SELECT group_concat(x, ' ') FROM (SELECT f.path || ':' || s.name AS x FROM symbols s JOIN files f "
+                    "ON f.id = s.file_id WHERE s.kind != 'module' UNION ALL SELECT file_path || ':' || error_type "
+                    "FROM index_errors ORDER BY 1)"),
             ".gitignore:io_error .gitignore:outside_repository a.c:visible_function absolute_out.c:outside_repository "
             "caf\xe9.c:latin1_symbol d\xff/x.c:in_latin1_folder loop_a:io_error loop_b:io_error "
             "memory:outside_repository outdir:outside_repository pipe.c:io_error relative_out.c:outside_repository "
-            "src/deep/build/kept.c:deep_build_symbol sub/.gitignore:io_error ");
+            "src/deep/build/kept.c:deep_build_symbol sub/.gitignore:io_error\n");
 }
 
 #endif
