@@ -101,10 +101,7 @@ void DatabaseImpl::connect() {
   conn->execute("PRAGMA foreign_keys=ON");
   conn->execute("PRAGMA synchronous=NORMAL");
   utils::register_path_functions(*conn);
-  const std::string mode = journal ? ascii_lower((*journal)[0].to_text()) : std::string();
-  auto previous = _readers.exchange(_open_readers(mode));
-  // A second connect replaces the pool; the old one is released here.
-  if (previous) previous->close();
+  _replace_readers(journal ? ascii_lower((*journal)[0].to_text()) : std::string());
 }
 
 void DatabaseImpl::_connect_read_only() {
@@ -144,9 +141,12 @@ void DatabaseImpl::_connect_read_only() {
   _closed.store(false);
   if (auto previous = _connection.exchange(conn)) previous->close();
   auto journal = conn->execute("PRAGMA journal_mode").fetchone();
-  const std::string mode = journal && !options.immutable ? ascii_lower((*journal)[0].to_text()) : std::string();
-  auto previous = _readers.exchange(_open_readers(mode));
-  if (previous) previous->close();
+  _replace_readers(journal && !options.immutable ? ascii_lower((*journal)[0].to_text()) : std::string());
+}
+
+void DatabaseImpl::_replace_readers(const std::string& journal_mode) {
+  // A second connect replaces the pool; the old one is closed here.
+  if (auto previous = _readers.exchange(_open_readers(journal_mode))) previous->close();
 }
 
 void DatabaseImpl::_require_writable() const {

@@ -170,6 +170,7 @@ class DatabaseImpl {
   void _require_writable() const;
   void _transaction(const std::function<void(Cursor&)>& body);
   std::shared_ptr<ReaderPool> _open_readers(const std::string& journal_mode);
+  void _replace_readers(const std::string& journal_mode);
   // Runs `run` on a read connection when the pool may serve `sql`, else on
   // the writer connection under the lock.
   template <class Run>

@@ -81,7 +81,7 @@ void DatabaseImpl::_rewrite_pages() {
   conn->execute("PRAGMA schema_version").close();
   auto mode_row = conn->execute("PRAGMA journal_mode").fetchone();
   const std::string mode = mode_row ? ascii_lower((*mode_row)[0].to_text()) : std::string();
-  _readers.store(_open_readers(mode));
+  _replace_readers(mode);
   if (failure) std::rethrow_exception(failure);
 }
 

@@ -279,6 +279,12 @@ void extract_batches(const fs::path& repo, const WalkResult& walked, const Ctags
   std::vector<std::optional<ExtractedBatch>> done(ranges.size());
   std::size_t next = 0, handed = 0;
   std::exception_ptr failure;
+  // The first failure, of a thread or of the writer, stops every thread.
+  const auto fail = [&] {
+    std::lock_guard lk(mu);
+    if (!failure) failure = std::current_exception();
+    changed.notify_all();
+  };
   auto work = [&] {
     while (true) {
       std::size_t b = 0;
@@ -292,10 +298,7 @@ void extract_batches(const fs::path& repo, const WalkResult& walked, const Ctags
       try {
         extract_batch(repo, root.get(), walked, ctags, max_bytes, options.reuse, ranges[b], batch);
       } catch (...) {
-        std::lock_guard lk(mu);
-        if (!failure) failure = std::current_exception();
-        changed.notify_all();
-        return;
+        return fail();
       }
       std::lock_guard lk(mu);
       done[b] = std::move(batch);
@@ -320,9 +323,7 @@ void extract_batches(const fs::path& repo, const WalkResult& walked, const Ctags
     try {
       sink(std::move(batch));
     } catch (...) {
-      std::lock_guard lk(mu);
-      if (!failure) failure = std::current_exception();
-      changed.notify_all();
+      fail();
       break;
     }
     if (options.on_progress) options.on_progress(files_done, walked.files.size());

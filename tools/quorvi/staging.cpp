@@ -158,12 +158,6 @@ std::optional<std::int64_t> ImportResolver::resolve(const std::string& from, con
   return std::nullopt;
 }
 
-fs::path staging_path_for(const fs::path& db_path) {
-  fs::path p = db_path;
-  p += ".staging";
-  return p;
-}
-
 void remove_database_files(const fs::path& path) {
   std::error_code ec;
   for (const char* suffix : {"", "-journal", "-wal", "-shm"}) {

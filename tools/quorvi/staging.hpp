@@ -25,9 +25,6 @@ namespace marsk_quorvi::cli {
 // Lines per code_chunks row: a search hit names a range this long at most.
 inline constexpr std::int64_t CHUNK_LINES = 60;
 
-// The staging file that belongs to an index file: beside it, so that the
-// swap's ATTACH stays on one volume.
-std::filesystem::path staging_path_for(const std::filesystem::path& db_path);
 
 // Removes `path` and the journal files SQLite may have left beside it.
 // Harmless when none exists.
