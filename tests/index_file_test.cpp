@@ -415,6 +415,9 @@ TEST_F(IndexFile, CodeChunksFollowWhatEachFileHasAndExtraStagingColumnsAreLeftOu
       db = open(path(std::to_string(live_has) + std::to_string(staging_has) + ".db"));
       mt::seed_index(*db, {.files = 6, .symbols = 12, .edges = 4, .chunk_bytes = 16, .tag = "old"});
       if (!live_has) drop_code_chunks(*db);
+      // A table outside the index that refers to it: its cascade still runs.
+      db->execute("CREATE TABLE notes (file_id INTEGER REFERENCES files(id) ON DELETE CASCADE)");
+      if (live_has) db->execute("INSERT INTO notes VALUES (1)");
       const auto file = staging(std::to_string(live_has) + std::to_string(staging_has) + "-staging.db",
                                 {.files = 9, .symbols = 9, .chunk_bytes = 16}, [&](mq::Database& s) {
                                   s.execute("UPDATE code_chunks SET rowid = rowid + 7");  // kept, never renumbered
@@ -433,9 +436,12 @@ TEST_F(IndexFile, CodeChunksFollowWhatEachFileHasAndExtraStagingColumnsAreLeftOu
       if (live_has) EXPECT_EQ(scalar("SELECT count(*) FROM code_chunks"), copied ? 9 : 0);
       if (copied) EXPECT_EQ(scalar("SELECT sum(rowid) FROM code_chunks"), (45 << 20) + 9 * 7);  // files 1 to 9
       EXPECT_EQ(db->index_generation(), 1);
-      // The file trigger works on the re-created table, and deleting is possible at all.
+      EXPECT_EQ(scalar("SELECT count(*) FROM notes"), 0);
+      // The file trigger works on the re-created table, deleting is possible at all, and foreign keys
+      // are enforced again.
       db->execute("DELETE FROM files WHERE id = 4");
       if (live_has) EXPECT_EQ(mt::count_rows(*db, "code_chunks"), copied ? 8 : 0);
+      EXPECT_EQ(scalar("SELECT count(*) FROM symbols WHERE file_id = 4"), 0);
     }
   }
 }

@@ -102,6 +102,58 @@ void detach_leftover_staging(Connection& conn) {
   }
 }
 
+// Row-by-row foreign key enforcement makes the copy several times slower:
+// every copied row looks up its parents, every parent row looks for children
+// already in place, and no deletion may simply truncate its table. When no
+// table outside the index tables refers to them, the swap turns enforcement
+// off on the writer connection (it holds the lock, so no other statement runs
+// there) and checks every copied key once, inside the transaction, before the
+// commit: a staging file with a dangling reference still fails the swap and
+// changes nothing. Where another table refers to the index tables, its
+// cascades must run, and the swap keeps enforcement on.
+class KeysCheckedOnce {
+ public:
+  explicit KeysCheckedOnce(Connection& conn) : conn_(conn) {
+    // Inside a transaction the pragma would be ignored.
+    if (sqlite3_get_autocommit(conn.handle()) == 0) return;
+    if (conn.execute("PRAGMA foreign_keys").fetchone().value()[0].as_int() == 0) return;
+    std::string tables;
+    for (const char* table : insert_tables) tables += std::string(tables.empty() ? "'" : ", '") + table + "'";
+    const bool referred_from_outside =
+        conn.execute("SELECT 1 FROM main.sqlite_master AS m, pragma_foreign_key_list(m.name, 'main') AS k "
+                     "WHERE m.type = 'table' AND lower(m.name) NOT IN (" + tables + ") AND lower(k.\"table\") IN (" +
+                     tables + ") LIMIT 1")
+            .fetchone()
+            .has_value();
+    if (referred_from_outside) return;
+    conn.execute("PRAGMA foreign_keys=OFF");
+    active_ = true;
+  }
+  ~KeysCheckedOnce() {
+    if (!active_) return;
+    try {
+      conn_.execute("PRAGMA foreign_keys=ON");
+    } catch (...) {
+      log_swallowed("turning foreign key enforcement back on after a swap");
+    }
+  }
+  KeysCheckedOnce(const KeysCheckedOnce&) = delete;
+  KeysCheckedOnce& operator=(const KeysCheckedOnce&) = delete;
+
+  // The error that enforcement would have raised at the copy.
+  void check(Cursor& cursor) const {
+    if (!active_) return;
+    for (const char* table : insert_tables) {
+      cursor.execute(std::string("PRAGMA main.foreign_key_check(") + table + ")");
+      if (!cursor.fetchall().empty()) throw Error("FOREIGN KEY constraint failed", SQLITE_CONSTRAINT_FOREIGNKEY);
+    }
+  }
+
+ private:
+  Connection& conn_;
+  bool active_ = false;
+};
+
 }  // namespace
 
 // ------------------------------------------------------------------ code_chunks
@@ -192,7 +244,11 @@ RowCounts DatabaseImpl::swap_index_from(const std::filesystem::path& staging_pat
           // holds only the emptying, the copies and the generation bump.
           std::vector<std::pair<const char*, std::string>> col_lists;
           for (const char* table : insert_tables) col_lists.emplace_back(table, column_list(*conn, table));
-          _transaction([&](Cursor& cursor) { _copy_staging(cursor, col_lists, row_counts); });
+          const KeysCheckedOnce keys(*conn);
+          _transaction([&](Cursor& cursor) {
+            _copy_staging(cursor, col_lists, row_counts);
+            keys.check(cursor);
+          });
         },
         detach);
     try {

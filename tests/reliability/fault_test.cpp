@@ -527,6 +527,11 @@ TEST_F(BadStaging, IsRefusedAndLeavesLiveIndexStagingFileAndHandleAsTheyWere) {
        "OperationalError no such table: stg.symbols"},
       {edited("no-content-hash.db", "ALTER TABLE files DROP COLUMN content_hash"),
        "OperationalError no such column: content_hash"},
+      // References that lead nowhere, found once every row is in.
+      {edited("orphan-symbol.db", "PRAGMA foreign_keys=OFF; UPDATE symbols SET file_id = 99999 WHERE id = 30"),
+       "Error FOREIGN KEY constraint failed"},
+      {edited("orphan-parent.db", "PRAGMA foreign_keys=OFF; UPDATE symbols SET parent_id = 99999 WHERE id = 9"),
+       "Error FOREIGN KEY constraint failed"},
       // Refused after three tables were copied.
       {edited("no-module.db", "DROP INDEX idx_external_imports_module; ALTER TABLE external_imports DROP module"),
        "OperationalError no such column: module"},
@@ -554,6 +559,7 @@ TEST_F(BadStaging, IsRefusedAndLeavesLiveIndexStagingFileAndHandleAsTheyWere) {
     EXPECT_EQ(snapshot(*db).at("schema_info"), before.at("schema_info"));
     EXPECT_EQ(index_only(*db).second, std::vector<std::string>{"main"}) << "the staging file stayed attached";
     EXPECT_EQ(bytes(staging), file_before) << "the staging file changed";
+    EXPECT_EQ(db->connection()->execute("PRAGMA foreign_keys").fetchone().value()[0].as_int(), 1);
     EXPECT_EQ(bytes(staging.string() + "-wal"), log_before) << "the staging file's log changed";
     if (error.starts_with("FileNotFoundError")) EXPECT_FALSE(fs::exists(staging)) << "the missing file was made";
     // The handle goes on: another thread (so the lock is free) swaps a good file in.
