@@ -1,5 +1,6 @@
 // Connection and query routing: reader settings, statement classification,
 // the handle's lifecycle, transactions and writes, and the query router.
+#include <cstring>
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -45,15 +46,18 @@ int _parse_reader_count(const char* raw) {
 }
 
 bool _is_read_statement(std::string_view sql) {
-  std::string_view rest = sql;
-  while (!rest.empty() && is_ascii_space(rest.front())) rest.remove_prefix(1);
-  // Only the head is compared: this decides the route of every query.
+  std::size_t at = 0;
+  while (at < sql.size() && is_ascii_space(sql[at])) ++at;
+  // Only the head is compared: this decides the route of every query. The
+  // keywords are letters, whose case bit alone tells upper from lower, so
+  // their bytes are compared all at once.
   const auto starts_with = [&](std::string_view keyword) {
-    if (rest.size() < keyword.size()) return false;
-    for (std::size_t i = 0; i < keyword.size(); ++i) {
-      if (ascii_upper(rest[i]) != keyword[i]) return false;
-    }
-    return true;
+    if (sql.size() - at < keyword.size()) return false;
+    std::uint64_t head = 0, want = 0, letters = 0;
+    std::memcpy(&head, sql.data() + at, keyword.size());
+    std::memcpy(&want, keyword.data(), keyword.size());
+    std::memset(&letters, 0xdf, keyword.size());
+    return (head & letters) == want;
   };
   if (starts_with("SELECT") || starts_with("WITH")) return true;
 

@@ -5,6 +5,7 @@
 // connection belongs to the lease's thread alone until the lease ends.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
@@ -36,16 +37,16 @@ class ReaderPool {
   // when it ends by an exception.
   class Lease {
    public:
-    Lease(Lease&& other) noexcept : pool_(other.pool_), conn_(std::move(other.conn_)) { other.pool_ = nullptr; }
+    Lease(Lease&& other) noexcept : pool_(other.pool_), conn_(other.conn_) { other.pool_ = nullptr; }
     Lease& operator=(Lease&&) = delete;
     ~Lease();
     Connection& connection() const noexcept { return *conn_; }
 
    private:
     friend class ReaderPool;
-    Lease(ReaderPool* pool, std::shared_ptr<Connection> conn) : pool_(pool), conn_(std::move(conn)) {}
+    Lease(ReaderPool* pool, Connection* conn) : pool_(pool), conn_(conn) {}
     ReaderPool* pool_;
-    std::shared_ptr<Connection> conn_;
+    Connection* conn_;  // owned by the pool
   };
 
   // Hands out an idle connection, opening a new one while fewer than `count`
@@ -64,7 +65,10 @@ class ReaderPool {
   int open_connections() const;
 
  private:
-  void give_back(std::shared_ptr<Connection> conn) noexcept;
+  void give_back(Connection* conn) noexcept;
+  // After close(): closes a connection that came back and counts it gone.
+  void close_returned(Connection* conn) noexcept;
+  Lease open_one(std::unique_lock<std::mutex>& lk);
 
   const std::string path_;
   const int count_;
@@ -72,11 +76,17 @@ class ReaderPool {
   const int busy_timeout_ms_;
   mutable std::mutex mu_;
   std::condition_variable cv_;
-  std::vector<std::shared_ptr<Connection>> idle_;  // guarded by mu_
-  int open_ = 0;                                   // guarded by mu_
-  int leased_ = 0;                                 // guarded by mu_
-  int waiting_ = 0;  // threads blocked in lease() or close(); guarded by mu_
-  bool closed_ = false;                            // guarded by mu_
+  // The connection given back last. Most leases take it again, and give it
+  // back, without the mutex. A connection here counts as idle.
+  std::atomic<Connection*> hot_{nullptr};
+  std::vector<std::shared_ptr<Connection>> owned_;  // every connection opened; guarded by mu_
+  std::vector<Connection*> idle_;                   // guarded by mu_
+  int open_ = 0;                                    // not yet closed, leased or idle; guarded by mu_
+  // Written under mu_; read without it by the paths that skip the mutex.
+  // Each pairs with hot_: a thread stores one and then loads the other, so
+  // that of two racing threads at least one sees what the other did.
+  std::atomic<int> waiting_{0};  // threads blocked in lease() or close()
+  std::atomic<bool> closed_{false};
 };
 
 }  // namespace marsk_quorvi::storage
