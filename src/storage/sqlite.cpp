@@ -626,12 +626,18 @@ Row Cursor::current_row() { return read_row(*stmt_); }
 
 void Cursor::start(std::string_view sql) {
   check_open();
-  stmt_.reset();
   buffered_.clear();
   next_buffered_ = 0;
   has_pending_ = false;
   done_ = true;
   rowcount_ = -1;
+  // The same statement again, as in a loop of inserts: the cursor keeps it
+  // and resets it, instead of handing it back to the cache and taking it out.
+  if (stmt_ && stmt_->sql == sql) {
+    if (stmt_->stmt) sqlite3_reset(stmt_->stmt.get());
+    return;
+  }
+  stmt_.reset();
   stmt_ = conn_->acquire(sql);
 }
 

@@ -169,7 +169,11 @@ void remove_database_files(const fs::path& path) {
 
 StagingFile::StagingFile(const fs::path& path, StagingMode mode, const std::optional<fs::path>& live) {
   remove_database_files(path);
-  conn_ = Connection::open(path.string());
+  // One thread at a time writes it (the writer thread, then the caller that
+  // joined it), so SQLite need not lock around every call.
+  Connection::Options options;
+  options.serialized = false;
+  conn_ = Connection::open(path.string(), options);
   conn_->execute("PRAGMA page_size=" + std::to_string(storage::storage_size::PAGE_SIZE));
   if (mode != StagingMode::journaled) {
     conn_->execute("PRAGMA journal_mode=OFF").fetchall();
