@@ -26,11 +26,13 @@ using storage::Row;
 using storage::Value;
 
 // The GIL released for one blocking call; cheaper than pybind11's guard,
-// which also keeps its own thread-state books.
+// which also keeps its own thread-state books. Taking the GIL back ends a
+// thread once the interpreter is finalizing, by a forced unwind that must be
+// let through.
 class NoGil {
  public:
   NoGil() noexcept : state_(PyEval_SaveThread()) {}
-  ~NoGil() { PyEval_RestoreThread(state_); }
+  ~NoGil() noexcept(false) { PyEval_RestoreThread(state_); }
   NoGil(const NoGil&) = delete;
   NoGil& operator=(const NoGil&) = delete;
 

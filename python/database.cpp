@@ -5,6 +5,8 @@
 #include <pybind11/stl.h>
 #include <pybind11/stl/filesystem.h>
 
+#include <cxxabi.h>
+
 #include <filesystem>
 #include <memory>
 #include <mutex>
@@ -215,6 +217,8 @@ PyObject* fetchone(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyOb
     return row_or_none(std::move(row)).release().ptr();
   } catch (py::error_already_set& e) {
     e.restore();
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (...) {
     // What the dispatcher would do: the module's translator, then pybind11's.
     if (!py::detail::apply_exception_translators(py::detail::get_local_internals().registered_exception_translators) &&
