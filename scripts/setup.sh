@@ -8,7 +8,8 @@ preset="${1:-release}"
 shift || true
 
 packages=(cmake g++ make libsqlite3-dev nlohmann-json3-dev libspdlog-dev libfmt-dev
-          googletest libgtest-dev libgmock-dev libbenchmark-dev universal-ctags pkgconf libcli11-dev)
+          googletest libgtest-dev libgmock-dev libbenchmark-dev universal-ctags pkgconf libcli11-dev
+          pybind11-dev python3-dev python3-pytest)
 . scripts/packages.sh
 ensure_packages "${packages[@]}"
 

@@ -187,28 +187,51 @@ std::shared_ptr<Connection> DatabaseImpl::connection() const {
 // ------------------------------------------------------------------ transactions and writes
 
 void DatabaseImpl::_transaction(const std::function<void(Cursor&)>& body) {
+  Cursor cursor = _begin_scope();
+  try {
+    body(cursor);
+  } catch (...) {
+    _end_scope(cursor, false);
+    throw;
+  }
+  _end_scope(cursor, true);
+}
+
+Cursor DatabaseImpl::_begin_scope() {
   _require_writable();
-  std::lock_guard lock(_lock);
+  std::unique_lock lock(_lock);
+  // Opened before any state changes: without a writer connection this raises
+  // and leaves the handle as it was.
+  Cursor cursor = connection()->cursor();
   if (_tx_depth > 0) {
     // A nested scope joins the transaction this thread already has open: no
     // BEGIN of its own (SQLite refuses one inside a transaction), and its
     // failure is left to the outermost scope.
     ++_tx_depth;
-    struct InnerExit {
-      int& depth;
-      std::optional<Cursor> cursor;
-      ~InnerExit() {
-        --depth;
-        if (cursor) cursor->close();
-      }
-    } inner{_tx_depth, std::nullopt};
-    inner.cursor.emplace(connection()->cursor());
-    body(*inner.cursor);
+    lock.release();
+    return cursor;
+  }
+  _tx_depth = 1;
+  _tx_owner.store(std::this_thread::get_id());
+  try {
+    cursor.execute("BEGIN");
+  } catch (...) {
+    lock.release();  // handed to _end_scope, which lets it go
+    _end_scope(cursor, false);
+    throw;
+  }
+  lock.release();
+  return cursor;
+}
+
+void DatabaseImpl::_end_scope(Cursor& cursor, bool ok) {
+  // Adopts the hold `_begin_scope` kept, so the lock goes on every path.
+  std::unique_lock lock(_lock, std::adopt_lock);
+  if (_tx_depth > 1) {
+    --_tx_depth;
+    cursor.close();
     return;
   }
-  // Opened before any state changes: without a writer connection this raises
-  // and leaves the handle as it was.
-  Cursor cursor = connection()->cursor();
   struct OuterExit {
     DatabaseImpl& db;
     Cursor& cursor;
@@ -218,15 +241,15 @@ void DatabaseImpl::_transaction(const std::function<void(Cursor&)>& body) {
       cursor.close();
     }
   } outer{*this, cursor};
-  _tx_depth = 1;
-  _tx_owner.store(std::this_thread::get_id());
-  undo_on_failure(
-      [&] {
-        cursor.execute("BEGIN");
-        body(cursor);
-        cursor.execute("COMMIT");
-      },
-      [&] { cursor.execute("ROLLBACK"); });
+  const auto rollback = [&] {
+    try {
+      cursor.execute("ROLLBACK");
+    } catch (const Error&) {
+      // The caller learns the state from the failure that ended the scope.
+    }
+  };
+  if (!ok) return rollback();
+  undo_on_failure([&] { cursor.execute("COMMIT"); }, rollback);
 }
 
 Cursor DatabaseImpl::execute(std::string_view sql, ParamsRef params) {
@@ -235,6 +258,11 @@ Cursor DatabaseImpl::execute(std::string_view sql, ParamsRef params) {
 }
 
 Cursor DatabaseImpl::executemany(std::string_view sql, const std::vector<Params>& params_list) {
+  const std::vector<ParamsRef> refs(params_list.begin(), params_list.end());
+  return executemany(sql, std::span<const ParamsRef>(refs));
+}
+
+Cursor DatabaseImpl::executemany(std::string_view sql, std::span<const ParamsRef> params_list) {
   _require_writable();
   std::lock_guard lock(_lock);
   return connection()->executemany(sql, params_list);

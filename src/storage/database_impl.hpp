@@ -148,6 +148,7 @@ class DatabaseImpl {
   std::shared_ptr<Connection> connection() const;
   Cursor execute(std::string_view sql, ParamsRef params = {});
   Cursor executemany(std::string_view sql, const std::vector<Params>& params_list);
+  Cursor executemany(std::string_view sql, std::span<const ParamsRef> params_list);  // named sets too
   std::optional<Row> fetchone(std::string_view sql, ParamsRef params = {});
   std::vector<Row> fetchall(std::string_view sql, ParamsRef params = {});
   void create_schema();
@@ -169,6 +170,15 @@ class DatabaseImpl {
   void _connect_read_only();
   void _require_writable() const;
   void _transaction(const std::function<void(Cursor&)>& body);
+  // The two halves of `_transaction`, for a host whose scopes are not one
+  // call (a Python `with` block). `_begin_scope` takes the lock and keeps it
+  // until the matching `_end_scope` on the same thread, which is handed the
+  // cursor `_begin_scope` returned. The outermost scope begins and, at its
+  // end, commits when `ok` or else rolls back; a nested scope joins it. A
+  // failed COMMIT is rolled back and raised; a failed ROLLBACK is not raised,
+  // since the caller already has the failure that caused it.
+  Cursor _begin_scope();
+  void _end_scope(Cursor& cursor, bool ok);
   std::shared_ptr<ReaderPool> _open_readers(const std::string& journal_mode);
   void _replace_readers(const std::string& journal_mode);
   // Runs `run` on a read connection when the pool may serve `sql`, else on

@@ -124,7 +124,49 @@ bool is_dml(std::string_view sql) {
   return false;
 }
 
+int bind_one(sqlite3_stmt* stmt, int index, const Value& v) {
+  switch (v.type()) {
+    case Value::Type::Null:
+      return sqlite3_bind_null(stmt, index);
+    case Value::Type::Integer:
+      return sqlite3_bind_int64(stmt, index, v.as_int());
+    case Value::Type::Real:
+      return sqlite3_bind_double(stmt, index, v.as_double());
+    case Value::Type::Text: {
+      const auto& t = v.as_text();
+      return sqlite3_bind_text64(stmt, index, t.data(), t.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
+    }
+    case Value::Type::Blob: {
+      const auto& b = v.as_blob();
+      return sqlite3_bind_blob64(stmt, index, b.empty() ? "" : static_cast<const void*>(b.data()), b.size(),
+                                 SQLITE_TRANSIENT);
+    }
+  }
+  return SQLITE_MISUSE;
+}
+
+// Each of the statement's placeholders takes the value of its name; names the
+// statement does not use are ignored, as a mapping may hold more.
+void bind_named(sqlite3_stmt* stmt, ParamsRef params) {
+  const int expected = sqlite3_bind_parameter_count(stmt);
+  for (int i = 1; i <= expected; ++i) {
+    const char* placeholder = sqlite3_bind_parameter_name(stmt, i);
+    if (placeholder == nullptr) {
+      raise_error(SQLITE_RANGE, "Binding " + std::to_string(i) +
+                                    " has no name, but you supplied a dictionary (which has only names).");
+    }
+    const std::string_view name(placeholder + 1);  // after its sign
+    std::size_t k = 0;
+    while (k < params.size() && params.name(k) != name) ++k;
+    if (k == params.size()) {
+      raise_error(SQLITE_RANGE, "You did not supply a value for binding parameter " + std::string(placeholder) + ".");
+    }
+    if (const int rc = bind_one(stmt, i, params[k]); rc != SQLITE_OK) raise_error(sqlite3_db_handle(stmt), rc);
+  }
+}
+
 void bind_all(sqlite3_stmt* stmt, ParamsRef params) {
+  if (params.named()) return bind_named(stmt, params);
   const int expected = sqlite3_bind_parameter_count(stmt);
   if (static_cast<int>(params.size()) != expected) {
     raise_error(SQLITE_RANGE, "Incorrect number of bindings supplied. The current statement uses " +
@@ -132,31 +174,9 @@ void bind_all(sqlite3_stmt* stmt, ParamsRef params) {
                                   " supplied.");
   }
   for (int i = 0; i < expected; ++i) {
-    const Value& v = params[static_cast<std::size_t>(i)];
-    int rc = SQLITE_OK;
-    switch (v.type()) {
-      case Value::Type::Null:
-        rc = sqlite3_bind_null(stmt, i + 1);
-        break;
-      case Value::Type::Integer:
-        rc = sqlite3_bind_int64(stmt, i + 1, v.as_int());
-        break;
-      case Value::Type::Real:
-        rc = sqlite3_bind_double(stmt, i + 1, v.as_double());
-        break;
-      case Value::Type::Text: {
-        const auto& t = v.as_text();
-        rc = sqlite3_bind_text64(stmt, i + 1, t.data(), t.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
-        break;
-      }
-      case Value::Type::Blob: {
-        const auto& b = v.as_blob();
-        rc = sqlite3_bind_blob64(stmt, i + 1, b.empty() ? "" : static_cast<const void*>(b.data()), b.size(),
-                                 SQLITE_TRANSIENT);
-        break;
-      }
+    if (const int rc = bind_one(stmt, i + 1, params[static_cast<std::size_t>(i)]); rc != SQLITE_OK) {
+      raise_error(sqlite3_db_handle(stmt), rc);
     }
-    if (rc != SQLITE_OK) raise_error(sqlite3_db_handle(stmt), rc);
   }
 }
 
@@ -591,6 +611,7 @@ Cursor Connection::executemany(std::string_view sql, const std::vector<Params>& 
   return c;
 }
 
+
 void Connection::executescript(const std::string& sql) {
   sqlite3* db = handle();
   if (!db) throw Error("Cannot operate on a closed database.", SQLITE_MISUSE);
@@ -662,6 +683,11 @@ Cursor& Cursor::execute(std::string_view sql, ParamsRef params) {
 }
 
 Cursor& Cursor::executemany(std::string_view sql, const std::vector<Params>& params_list) {
+  const std::vector<ParamsRef> refs(params_list.begin(), params_list.end());
+  return execute_each(sql, refs);
+}
+
+Cursor& Cursor::execute_each(std::string_view sql, std::span<const ParamsRef> params_list) {
   start(sql);
   if (!stmt_->stmt) return *this;
   if (stmt_->readonly) throw Error("executemany() can only execute DML statements.", SQLITE_MISUSE);

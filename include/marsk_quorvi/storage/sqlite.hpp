@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -74,11 +75,16 @@ class Value {
 using Params = std::vector<Value>;
 
 // The parameters of one call, borrowed for its duration: a Params vector, or
-// a braced list (`{id, path}`), which then costs no allocation.
+// a braced list (`{id, path}`), which then costs no allocation, or any array
+// of values. With `names`, value i binds the placeholder `:name`, `@name` or
+// `$name` whose name (without its sign) is names[i]; a statement's
+// placeholder that no name matches raises Error.
 class ParamsRef {
  public:
   ParamsRef() noexcept = default;
   ParamsRef(const Params& params) noexcept : data_(params.data()), size_(params.size()) {}
+  ParamsRef(const Value* data, std::size_t size, const std::string_view* names = nullptr) noexcept
+      : data_(data), names_(names), size_(size) {}
   // The list's array lives to the end of the caller's full expression, which
   // is as long as a parameter is used.
 #if defined(__GNUC__) && !defined(__clang__)
@@ -91,9 +97,12 @@ class ParamsRef {
 #endif
   std::size_t size() const noexcept { return size_; }
   const Value& operator[](std::size_t i) const noexcept { return data_[i]; }
+  bool named() const noexcept { return names_ != nullptr; }
+  std::string_view name(std::size_t i) const noexcept { return names_[i]; }
 
  private:
   const Value* data_ = nullptr;
+  const std::string_view* names_ = nullptr;
   std::size_t size_ = 0;
 };
 
@@ -180,6 +189,12 @@ class Cursor {
   Cursor& execute(std::string_view sql, ParamsRef params = {});
   // Runs `sql` once per parameter set, in order; `rowcount` is the total.
   Cursor& executemany(std::string_view sql, const std::vector<Params>& params_list);
+  // The same over parameter sets borrowed for the call, named ones too. A
+  // template only so that an empty `{}` still means the overload above.
+  template <class = void>
+  Cursor& executemany(std::string_view sql, std::span<const ParamsRef> params_list) {
+    return execute_each(sql, params_list);
+  }
   // The next row, or none when the result is exhausted.
   std::optional<Row> fetchone();
   // The remaining rows, possibly none.
@@ -195,6 +210,7 @@ class Cursor {
   friend class Connection;
   explicit Cursor(std::shared_ptr<Connection> conn) : conn_(std::move(conn)) {}
   void start(std::string_view sql);  // resets the cursor and takes the statement for `sql`
+  Cursor& execute_each(std::string_view sql, std::span<const ParamsRef> params_list);
   bool step_row(bool first = false);  // true when a row is current; `first`: the first step after binding
   Row current_row();
   void check_open() const;
@@ -238,6 +254,12 @@ class Connection : public std::enable_shared_from_this<Connection> {
   [[nodiscard]] Cursor cursor();
   Cursor execute(std::string_view sql, ParamsRef params = {});
   Cursor executemany(std::string_view sql, const std::vector<Params>& params_list);
+  template <class = void>
+  Cursor executemany(std::string_view sql, std::span<const ParamsRef> params_list) {
+    Cursor c = cursor();
+    c.executemany(sql, params_list);
+    return c;
+  }
   // The first row of `sql`, as execute(sql, params).fetchone(), without the
   // cursor: the statement goes back as soon as its row is read.
   std::optional<Row> fetchone(std::string_view sql, ParamsRef params = {});
