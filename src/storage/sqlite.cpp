@@ -124,30 +124,35 @@ bool is_dml(std::string_view sql) {
   return false;
 }
 
-int bind_one(sqlite3_stmt* stmt, int index, const Value& v) {
-  switch (v.type()) {
+// How SQLite holds a bound text or blob: copied, for a statement stepped
+// after the call returns (a query's cursor), or borrowed from the caller's
+// parameters when the call runs the statement to its end, which saves a copy
+// per value. A borrowed binding is left behind once the call returns, but it
+// is never read again: every use of a statement binds all of its parameters
+// before stepping it.
+enum class Hold { copied, borrowed };
+
+int bind_one(sqlite3_stmt* stmt, int index, const Param& p, Hold hold) {
+  const auto keep = hold == Hold::borrowed ? SQLITE_STATIC : SQLITE_TRANSIENT;
+  switch (p.type()) {
     case Value::Type::Null:
       return sqlite3_bind_null(stmt, index);
     case Value::Type::Integer:
-      return sqlite3_bind_int64(stmt, index, v.as_int());
+      return sqlite3_bind_int64(stmt, index, p.as_int());
     case Value::Type::Real:
-      return sqlite3_bind_double(stmt, index, v.as_double());
-    case Value::Type::Text: {
-      const auto& t = v.as_text();
-      return sqlite3_bind_text64(stmt, index, t.data(), t.size(), SQLITE_TRANSIENT, SQLITE_UTF8);
-    }
-    case Value::Type::Blob: {
-      const auto& b = v.as_blob();
-      return sqlite3_bind_blob64(stmt, index, b.empty() ? "" : static_cast<const void*>(b.data()), b.size(),
-                                 SQLITE_TRANSIENT);
-    }
+      return sqlite3_bind_double(stmt, index, p.as_double());
+    case Value::Type::Text:
+      return sqlite3_bind_text64(stmt, index, p.size() == 0 ? "" : static_cast<const char*>(p.data()), p.size(), keep,
+                                 SQLITE_UTF8);
+    case Value::Type::Blob:
+      return sqlite3_bind_blob64(stmt, index, p.size() == 0 ? "" : p.data(), p.size(), keep);
   }
   return SQLITE_MISUSE;
 }
 
 // Each of the statement's placeholders takes the value of its name; names the
 // statement does not use are ignored, as a mapping may hold more.
-void bind_named(sqlite3_stmt* stmt, ParamsRef params) {
+void bind_named(sqlite3_stmt* stmt, ParamsRef params, Hold hold) {
   const int expected = sqlite3_bind_parameter_count(stmt);
   for (int i = 1; i <= expected; ++i) {
     const char* placeholder = sqlite3_bind_parameter_name(stmt, i);
@@ -161,12 +166,12 @@ void bind_named(sqlite3_stmt* stmt, ParamsRef params) {
     if (k == params.size()) {
       raise_error(SQLITE_RANGE, "You did not supply a value for binding parameter " + std::string(placeholder) + ".");
     }
-    if (const int rc = bind_one(stmt, i, params[k]); rc != SQLITE_OK) raise_error(sqlite3_db_handle(stmt), rc);
+    if (const int rc = bind_one(stmt, i, params[k], hold); rc != SQLITE_OK) raise_error(sqlite3_db_handle(stmt), rc);
   }
 }
 
-void bind_all(sqlite3_stmt* stmt, ParamsRef params) {
-  if (params.named()) return bind_named(stmt, params);
+void bind_all(sqlite3_stmt* stmt, ParamsRef params, Hold hold) {
+  if (params.named()) return bind_named(stmt, params, hold);
   const int expected = sqlite3_bind_parameter_count(stmt);
   if (static_cast<int>(params.size()) != expected) {
     raise_error(SQLITE_RANGE, "Incorrect number of bindings supplied. The current statement uses " +
@@ -174,7 +179,7 @@ void bind_all(sqlite3_stmt* stmt, ParamsRef params) {
                                   " supplied.");
   }
   for (int i = 0; i < expected; ++i) {
-    if (const int rc = bind_one(stmt, i + 1, params[static_cast<std::size_t>(i)]); rc != SQLITE_OK) {
+    if (const int rc = bind_one(stmt, i + 1, params[static_cast<std::size_t>(i)], hold); rc != SQLITE_OK) {
       raise_error(sqlite3_db_handle(stmt), rc);
     }
   }
@@ -335,6 +340,25 @@ void raise_error(sqlite3* db, int rc) {
 }
 
 // ---------------------------------------------------------------- Value
+
+Param::Param(const Value& v) noexcept {
+  switch (v.type()) {
+    case Value::Type::Null:
+      break;
+    case Value::Type::Integer:
+      *this = Param(std::get<std::int64_t>(v.v_));
+      break;
+    case Value::Type::Real:
+      *this = Param(std::get<double>(v.v_));
+      break;
+    case Value::Type::Text:
+      *this = Param(std::string_view(std::get<std::string>(v.v_)));
+      break;
+    case Value::Type::Blob:
+      *this = Param(std::get<Bytes>(v.v_));
+      break;
+  }
+}
 
 std::int64_t Value::as_int() const {
   switch (type()) {
@@ -600,7 +624,8 @@ std::optional<Row> Connection::fetchone(std::string_view sql, ParamsRef params) 
     statement.reset();
     return execute(sql, params).fetchone();
   }
-  bind_all(statement->stmt.get(), params);
+  // Its one step happens here: the parameters outlive it.
+  bind_all(statement->stmt.get(), params, Hold::borrowed);
   if (!step_statement(statement->stmt.get(), true)) return std::nullopt;
   return read_row(*statement);  // the lease's end resets the statement
 }
@@ -665,7 +690,8 @@ void Cursor::start(std::string_view sql) {
 Cursor& Cursor::execute(std::string_view sql, ParamsRef params) {
   start(sql);
   if (!stmt_->stmt) return *this;  // empty statement: no rows
-  bind_all(stmt_->stmt.get(), params);
+  // A query is stepped after this returns, a write only here.
+  bind_all(stmt_->stmt.get(), params, stmt_->readonly ? Hold::copied : Hold::borrowed);
   done_ = false;
   sqlite3* db = sqlite3_db_handle(stmt_->stmt.get());
   if (stmt_->readonly) {
@@ -695,8 +721,7 @@ Cursor& Cursor::execute_each(std::string_view sql, std::span<const ParamsRef> pa
   std::int64_t total = 0;
   for (const auto& params : params_list) {
     sqlite3_reset(stmt_->stmt.get());
-    sqlite3_clear_bindings(stmt_->stmt.get());
-    bind_all(stmt_->stmt.get(), params);
+    bind_all(stmt_->stmt.get(), params, Hold::borrowed);
     done_ = false;
     DbMutex guard(db);
     for (bool row = step_row(true); row; row = step_row()) {

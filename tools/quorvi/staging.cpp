@@ -392,14 +392,11 @@ StagingCounts generate_staging_rows(const fs::path& repo, const Extraction& extr
 namespace {
 
 // The rows through the access layer: one cursor per statement, so each
-// statement is prepared once. The many small rows (symbols, chunks) go in
-// batches through executemany, which binds and steps them without handing
-// the statement back to the cache in between. The staging file enforces no
-// foreign keys and every id is explicit, so a batch may land after rows of
-// other tables that name it.
+// statement is prepared once and, run again by the same cursor, stays with
+// it. Each row is bound from the caller's own strings, which the braced
+// parameter list borrows: nothing is copied on the way to SQLite.
 class CursorRows : public StagingRows {
  public:
-  static constexpr std::size_t BATCH = 1024;
   static constexpr const char* SYMBOL_SQL =
       "INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line, parent_id, signature) "
       "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)";
@@ -408,10 +405,7 @@ class CursorRows : public StagingRows {
 
   explicit CursorRows(Connection& conn)
       : components_(conn.cursor()), files_(conn.cursor()), symbols_(conn.cursor()), chunks_(conn.cursor()),
-        imports_(conn.cursor()), edges_(conn.cursor()), errors_(conn.cursor()), copy_(conn.cursor()) {
-    symbol_batch_.reserve(BATCH);
-    chunk_batch_.reserve(BATCH);
-  }
+        imports_(conn.cursor()), edges_(conn.cursor()), errors_(conn.cursor()), copy_(conn.cursor()) {}
   ~CursorRows() override { close(); }
   void close() {
     for (Cursor* c : {&components_, &files_, &symbols_, &chunks_, &imports_, &edges_, &errors_, &copy_}) c->close();
@@ -429,12 +423,10 @@ class CursorRows : public StagingRows {
   void symbol(std::int64_t id, std::int64_t file_id, const std::string& name, const std::string& fqn,
               const std::string& kind, std::int64_t start_line, std::int64_t end_line,
               std::optional<std::int64_t> parent_id, const std::optional<std::string>& signature) override {
-    symbol_batch_.push_back({id, file_id, name, fqn, kind, start_line, end_line, parent_id, signature});
-    if (symbol_batch_.size() >= BATCH) flush_symbols();
+    symbols_.execute(SYMBOL_SQL, {id, file_id, name, fqn, kind, start_line, end_line, parent_id, signature});
   }
   void chunk(std::int64_t rowid, std::string_view text, std::int64_t start_line, std::int64_t end_line) override {
-    chunk_batch_.push_back({rowid, text, start_line, end_line});
-    if (chunk_batch_.size() >= BATCH) flush_chunks();
+    chunks_.execute(CHUNK_SQL, {rowid, text, start_line, end_line});
   }
   void import(std::int64_t id, std::int64_t file_id, const Import& in) override {
     imports_.execute("INSERT INTO external_imports (id, file_id, module, name, alias, line) VALUES (?, ?, ?, ?, ?, ?)",
@@ -507,26 +499,8 @@ class CursorRows : public StagingRows {
     read.close();
   }
 
-  // Writes what the batches still hold; call before their texts go.
-  void flush() {
-    flush_symbols();
-    flush_chunks();
-  }
-
  private:
-  void flush_symbols() {
-    if (symbol_batch_.empty()) return;
-    symbols_.executemany(SYMBOL_SQL, symbol_batch_);
-    symbol_batch_.clear();
-  }
-  void flush_chunks() {
-    if (chunk_batch_.empty()) return;
-    chunks_.executemany(CHUNK_SQL, chunk_batch_);
-    chunk_batch_.clear();
-  }
-
   Cursor components_, files_, symbols_, chunks_, imports_, edges_, errors_, copy_;
-  std::vector<Params> symbol_batch_, chunk_batch_;
 };
 
 }  // namespace
@@ -539,7 +513,6 @@ StagingCounts build_staging(const fs::path& staging, const fs::path& repo, const
     {
       CursorRows rows(file.connection());
       counts = generate_staging_rows(repo, extraction, rows, on_progress);
-      rows.flush();
     }
     file.finish();
     return counts;
@@ -606,7 +579,6 @@ struct StagingWriter::Impl {
     holding = false;
     for (const auto& item : held) std::visit([&](const auto& x) { write(x); }, item);
     held.clear();
-    rows.flush();
   }
 
   // Whether the held rows are the live index's own: the same files, and the
@@ -696,8 +668,6 @@ void StagingWriter::add(ExtractedBatch&& batch) {
     d.write(f);
   }
   for (const auto& e : batch.errors) error(e);
-  // The chunk rows borrow the batch's texts.
-  d.rows.flush();
 }
 
 StagingCounts StagingWriter::finish() {
@@ -708,7 +678,6 @@ StagingCounts StagingWriter::finish() {
   }
   if (d.holding) d.release();
   auto counts = d.generator.finish();
-  d.rows.flush();
   d.rows.close();
   d.file.finish();
   return counts;

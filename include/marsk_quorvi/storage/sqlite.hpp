@@ -31,6 +31,8 @@ namespace marsk_quorvi::storage {
 using Bytes = std::vector<std::uint8_t>;
 
 // One SQL value: null, 64-bit integer, double, text (UTF-8) or blob.
+class Param;
+
 class Value {
  public:
   enum class Type { Null, Integer, Real, Text, Blob };
@@ -69,39 +71,80 @@ class Value {
   bool operator==(const Value&) const = default;
 
  private:
+  friend class Param;
   std::variant<std::monostate, std::int64_t, double, std::string, Bytes> v_;
 };
 
 using Params = std::vector<Value>;
 
-// The parameters of one call, borrowed for its duration: a Params vector, or
-// a braced list (`{id, path}`), which then costs no allocation, or any array
-// of values. With `names`, value i binds the placeholder `:name`, `@name` or
-// `$name` whose name (without its sign) is names[i]; a statement's
+// One parameter as a call borrows it: NULL, a number, or a view of text or
+// bytes that the caller keeps alive for the call. Made from a Value, a
+// number, a string or bytes without copying them.
+class Param {
+ public:
+  Param() noexcept = default;
+  Param(std::nullptr_t) noexcept {}
+  Param(std::nullopt_t) noexcept {}
+  template <class T>
+    requires std::is_integral_v<T>
+  Param(T v) noexcept : type_(Value::Type::Integer), int_(static_cast<std::int64_t>(v)) {}
+  Param(double v) noexcept : type_(Value::Type::Real), real_(v) {}
+  Param(std::string_view v) noexcept : type_(Value::Type::Text), data_(v.data()), size_(v.size()) {}
+  Param(const std::string& v) noexcept : Param(std::string_view(v)) {}
+  Param(const char* v) noexcept : Param(std::string_view(v)) {}
+  Param(const Bytes& v) noexcept : type_(Value::Type::Blob), data_(v.data()), size_(v.size()) {}
+  Param(const Value& v) noexcept;
+  template <class T>
+  Param(const std::optional<T>& v) noexcept : Param() {
+    if (v) *this = Param(*v);
+  }
+
+  Value::Type type() const noexcept { return type_; }
+  std::int64_t as_int() const noexcept { return int_; }
+  double as_double() const noexcept { return real_; }
+  // Text or blob: the bytes viewed.
+  const void* data() const noexcept { return data_; }
+  std::size_t size() const noexcept { return size_; }
+
+ private:
+  Value::Type type_ = Value::Type::Null;
+  union {
+    std::int64_t int_ = 0;
+    double real_;
+    const void* data_;
+  };
+  std::size_t size_ = 0;
+};
+
+// The parameters of one call, borrowed for its duration: a Params vector, a
+// braced list (`{id, path}`), which then copies and allocates nothing, or any
+// array of values. With `names`, value i binds the placeholder `:name`,
+// `@name` or `$name` whose name (without its sign) is names[i]; a statement's
 // placeholder that no name matches raises Error.
 class ParamsRef {
  public:
   ParamsRef() noexcept = default;
-  ParamsRef(const Params& params) noexcept : data_(params.data()), size_(params.size()) {}
+  ParamsRef(const Params& params) noexcept : values_(params.data()), size_(params.size()) {}
   ParamsRef(const Value* data, std::size_t size, const std::string_view* names = nullptr) noexcept
-      : data_(data), names_(names), size_(size) {}
-  // The list's array lives to the end of the caller's full expression, which
-  // is as long as a parameter is used.
+      : values_(data), names_(names), size_(size) {}
+  // The list's array, and any temporary it views, live to the end of the
+  // caller's full expression, which is as long as a parameter is used.
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Winit-list-lifetime"
 #endif
-  ParamsRef(std::initializer_list<Value> params) noexcept : data_(params.begin()), size_(params.size()) {}
+  ParamsRef(std::initializer_list<Param> params) noexcept : params_(params.begin()), size_(params.size()) {}
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
 #endif
   std::size_t size() const noexcept { return size_; }
-  const Value& operator[](std::size_t i) const noexcept { return data_[i]; }
+  Param operator[](std::size_t i) const noexcept { return params_ ? params_[i] : Param(values_[i]); }
   bool named() const noexcept { return names_ != nullptr; }
   std::string_view name(std::size_t i) const noexcept { return names_[i]; }
 
  private:
-  const Value* data_ = nullptr;
+  const Value* values_ = nullptr;
+  const Param* params_ = nullptr;
   const std::string_view* names_ = nullptr;
   std::size_t size_ = 0;
 };
