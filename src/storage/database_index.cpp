@@ -154,6 +154,34 @@ class KeysCheckedOnce {
   bool active_ = false;
 };
 
+// The copy rewrites every page of the index tables and their indexes, whose
+// rows arrive in another order than each index's: with SQLite's default
+// cache of 2 MiB most index pages are written out and read back many times
+// over. The swap gives the writer connection a larger cache for its
+// duration, which SQLite shrinks back afterwards.
+constexpr std::int64_t kSwapCacheKiB = 65536;
+
+class SwapCache {
+ public:
+  explicit SwapCache(Connection& conn) : conn_(conn) {
+    previous_ = conn.execute("PRAGMA cache_size").fetchone().value()[0].as_int();
+    conn.execute("PRAGMA cache_size=-" + std::to_string(kSwapCacheKiB));
+  }
+  ~SwapCache() {
+    try {
+      conn_.execute("PRAGMA cache_size=" + std::to_string(previous_));
+    } catch (...) {
+      log_swallowed("giving the writer connection its cache size back after a swap");
+    }
+  }
+  SwapCache(const SwapCache&) = delete;
+  SwapCache& operator=(const SwapCache&) = delete;
+
+ private:
+  Connection& conn_;
+  std::int64_t previous_ = 0;
+};
+
 }  // namespace
 
 // ------------------------------------------------------------------ code_chunks
@@ -245,6 +273,7 @@ RowCounts DatabaseImpl::swap_index_from(const std::filesystem::path& staging_pat
           std::vector<std::pair<const char*, std::string>> col_lists;
           for (const char* table : insert_tables) col_lists.emplace_back(table, column_list(*conn, table));
           const KeysCheckedOnce keys(*conn);
+          const SwapCache cache(*conn);
           _transaction([&](Cursor& cursor) {
             _copy_staging(cursor, col_lists, row_counts);
             keys.check(cursor);

@@ -559,7 +559,9 @@ TEST_F(BadStaging, IsRefusedAndLeavesLiveIndexStagingFileAndHandleAsTheyWere) {
     EXPECT_EQ(snapshot(*db).at("schema_info"), before.at("schema_info"));
     EXPECT_EQ(index_only(*db).second, std::vector<std::string>{"main"}) << "the staging file stayed attached";
     EXPECT_EQ(bytes(staging), file_before) << "the staging file changed";
-    EXPECT_EQ(db->connection()->execute("PRAGMA foreign_keys").fetchone().value()[0].as_int(), 1);
+    for (const auto& [pragma, value] : {std::pair{"foreign_keys", 1}, std::pair{"cache_size", -2000}}) {
+      EXPECT_EQ(db->connection()->execute(std::string("PRAGMA ") + pragma).fetchone().value()[0].as_int(), value);
+    }
     EXPECT_EQ(bytes(staging.string() + "-wal"), log_before) << "the staging file's log changed";
     if (error.starts_with("FileNotFoundError")) EXPECT_FALSE(fs::exists(staging)) << "the missing file was made";
     // The handle goes on: another thread (so the lock is free) swaps a good file in.
