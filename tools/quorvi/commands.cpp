@@ -508,7 +508,9 @@ const std::vector<CommandSpec>& command_specs() {
       {"def", "NAME", 1, 1, "list the definitions of a symbol",
        "Lists where NAME is defined, best first: symbols of exactly that name, then\n"
        "those whose qualified name is NAME or ends in ::NAME or .NAME, then, for\n"
-       "NAME*, every name with that prefix. Types and definitions come before\n"
+       "NAME*, every name with that prefix. Types first, then what more files of\n"
+       "the repository include, directly or not (a definition in a file that\n"
+       "includes the declaration counts as the declaration); definitions before\n"
        "declarations and macros. Each line: kind, path:line, scope, signature.",
        {{"--limit", "N", "print at most N definitions (default 20)"}}, Access::reads, cmd_def},
       {"compact", "", 0, 0, "give free pages back to the file system",

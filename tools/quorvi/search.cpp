@@ -1,7 +1,11 @@
 #include "quorvi/search.hpp"
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
+#include <span>
+#include <tuple>
+#include <unordered_map>
 
 #include "marsk_quorvi/errors.hpp"
 #include "marsk_quorvi/storage/core_schema.hpp"
@@ -223,7 +227,9 @@ const std::string& search_sql() {
 // idx_symbols_fqn. Within a tier: by KIND_RANK, then the fewer enclosing
 // scopes (q is the name as qualified inside its file), so
 // that std::vector comes before a nested namespace's vector and a free
-// function before a method, then the shorter path.
+// function before a method, then the shorter path. Every row of tiers 0
+// and 1 comes back, with its file's anchor, for rank_by_includes; of tier 2
+// only ?3.
 const std::string& definitions_sql() {
   static const std::string sql =
       "WITH m(id, tier) AS ("
@@ -236,12 +242,160 @@ const std::string& definitions_sql() {
       "substr(fqn, -length(name) - length(?6) - 1, 1) IN (':', '.')))) "
       "SELECT s.kind, f.path, s.start_line, s.fqn, s.signature, s.name, min(m.tier) AS tier, "
       + std::string(KIND_RANK) + " AS kind_rank, "
-      "substr(s.fqn, length(f.path) + 3) AS q "
+      "substr(s.fqn, length(f.path) + 3) AS q, "
+      "(SELECT a.id FROM symbols AS a WHERE a.fqn = f.path AND a.parent_id IS NULL AND a.kind = 'module') "
       "FROM m JOIN symbols AS s ON s.id = m.id JOIN files AS f ON f.id = s.file_id WHERE " + NOT_ANCHOR +
       " GROUP BY s.id ORDER BY tier, kind_rank DESC, "
       "length(q) - length(replace(replace(q, '::', ':'), '.', '')), "
-      "length(f.path), f.path, s.name, s.start_line LIMIT ?3";
+      "length(f.path), f.path, s.name, s.start_line LIMIT ?3 + (SELECT count(*) FROM m WHERE tier < 2)";
   return sql;
+}
+
+// The include and import graph, reversed: the files that include each file,
+// by anchor, numbered densely so that a walk marks a flat array.
+class Includers {
+ public:
+  explicit Includers(Database& db) {
+    // One text value rather than a row object per edge: tens of thousands of
+    // small allocations cost more than reading the table.
+    std::vector<std::pair<std::int64_t, std::int64_t>> edges;  // (included, including)
+    const auto row = db.fetchone("SELECT count(*), group_concat(target_id || ' ' || source_id, ' ') FROM edges "
+                                 "WHERE kind IN ('includes', 'imports')");
+    if (!row || (*row)[1].is_null()) return;
+    const auto& text = (*row)[1].as_text();
+    edges.reserve(static_cast<std::size_t>((*row)[0].as_int()));
+    ids_.reserve(2 * edges.capacity());
+    const char* at = text.data();
+    const char* const end = at + text.size();
+    while (at < end) {
+      std::int64_t target = 0, source = 0;
+      at = std::from_chars(at, end, target).ptr + 1;
+      at = std::from_chars(at, end, source).ptr + 1;
+      edges.emplace_back(target, source);
+      ids_.push_back(target);
+      ids_.push_back(source);
+    }
+    std::sort(ids_.begin(), ids_.end());
+    ids_.erase(std::unique(ids_.begin(), ids_.end()), ids_.end());
+    first_.assign(ids_.size() + 1, 0);
+    for (const auto& e : edges) ++first_[number(e.first) + 1];
+    for (std::size_t i = 1; i < first_.size(); ++i) first_[i] += first_[i - 1];
+    including_.resize(edges.size());
+    auto next = first_;
+    for (const auto& e : edges) including_[next[number(e.first)]++] = number(e.second);
+    mark_.assign(ids_.size(), 0);
+  }
+
+  bool includes(std::int64_t from, std::int64_t to) const {
+    const auto f = find(from), t = find(to);
+    return f && t && std::find(including(*t).begin(), including(*t).end(), *f) != including(*t).end();
+  }
+
+  // The one file that includes `anchor`; none when no file or several do.
+  std::optional<std::int64_t> only_includer(std::int64_t anchor) const {
+    const auto n = find(anchor);
+    if (!n || including(*n).size() != 1) return std::nullopt;
+    return ids_[including(*n).front()];
+  }
+
+  // How many files include `anchor`, directly or through other files.
+  std::int64_t reach(std::int64_t anchor) {
+    const auto start = find(anchor);
+    if (!start) return 0;
+    ++walk_;
+    mark_[*start] = walk_;
+    std::vector<std::uint32_t> todo{*start};
+    std::int64_t seen = 0;
+    while (!todo.empty()) {
+      const auto at = todo.back();
+      todo.pop_back();
+      for (const auto n : including(at)) {
+        if (mark_[n] == walk_) continue;
+        mark_[n] = walk_;
+        ++seen;
+        todo.push_back(n);
+      }
+    }
+    return seen;
+  }
+
+ private:
+  std::uint32_t number(std::int64_t id) const {
+    return static_cast<std::uint32_t>(std::lower_bound(ids_.begin(), ids_.end(), id) - ids_.begin());
+  }
+  std::optional<std::uint32_t> find(std::int64_t id) const {
+    const auto n = number(id);
+    if (n == ids_.size() || ids_[n] != id) return std::nullopt;
+    return n;
+  }
+  std::span<const std::uint32_t> including(std::uint32_t n) const {
+    return std::span(including_).subspan(first_[n], first_[n + 1] - first_[n]);
+  }
+
+  std::vector<std::int64_t> ids_;         // anchor ids, sorted: a file's number is its place here
+  std::vector<std::uint32_t> first_;      // where each file's includers start in including_
+  std::vector<std::uint32_t> including_;  // the includers, by number
+  std::vector<std::uint32_t> mark_;       // the last walk that reached each file
+  std::uint32_t walk_ = 0;
+};
+
+// A row of definitions_sql.
+struct Ranked {
+  Definition d;
+  std::int64_t tier, kind_rank;
+  std::string q;
+  std::int64_t anchor;  // 0 for a file without one
+  std::int64_t seen_by = 0;  // files that see the definition, by rank_by_includes
+  bool piece = false;
+};
+
+// Within a tier, the definition that more of the repository sees comes
+// first: the one in the file that the most files include, directly or
+// through others, so that the C library's header answers for printf before
+// a project's own, and a fallback in a header that few include does not
+// hide the definition that everybody gets. Two files that are one thing
+// count as one: a definition in a file that includes a declaration of the
+// same qualified name implements it (foo.cpp, foo.hpp) and is seen as
+// widely; and a file that only the declaring file includes is a piece of it
+// (stdio.h pulls in bits/stdio2.h for its checked variants), seen as widely
+// but behind it. Types still come first, as KIND_RANK has it; the rest of
+// definitions_sql's order decides between equals, so rows keep the order
+// they came in when all are in one file or no include edge tells them apart.
+void rank_by_includes(Database& db, std::vector<Ranked>& rows) {
+  std::unordered_map<std::int64_t, std::int64_t> reach;  // anchor -> files that include it
+  for (const auto& r : rows) {
+    if (r.tier < 2 && r.anchor) reach.emplace(r.anchor, 0);
+  }
+  if (reach.size() < 2) return;
+  Includers includers(db);
+  for (auto& [anchor, n] : reach) n = includers.reach(anchor);
+  std::unordered_map<std::string_view, std::vector<const Ranked*>> declared;
+  for (auto& r : rows) {
+    if (r.tier >= 2 || !r.anchor) continue;
+    r.seen_by = reach.at(r.anchor);
+    if (r.kind_rank == 2) declared[r.q].push_back(&r);
+  }
+  for (auto& r : rows) {
+    if (r.tier >= 2 || !r.anchor || r.kind_rank == 2) continue;
+    const auto it = declared.find(r.q);
+    if (it == declared.end()) continue;
+    const auto only = includers.only_includer(r.anchor);
+    for (const auto* decl : it->second) {
+      if (decl->anchor == r.anchor) continue;
+      if (only == decl->anchor) {
+        r.seen_by = decl->seen_by;
+        r.piece = true;
+        break;
+      }
+      if (r.kind_rank >= 3 && includers.includes(r.anchor, decl->anchor)) {
+        r.seen_by = std::max(r.seen_by, decl->seen_by);
+      }
+    }
+  }
+  std::stable_sort(rows.begin(), rows.end(), [](const Ranked& a, const Ranked& b) {
+    return std::make_tuple(a.tier, b.kind_rank == 4, b.seen_by, a.piece) <
+           std::make_tuple(b.tier, a.kind_rank == 4, a.seen_by, b.piece);
+  });
 }
 
 // Where the last part of a qualified name starts: after the last "::" or ".".
@@ -345,7 +499,7 @@ std::vector<Definition> find_definitions(Database& db, std::string_view name, st
       hi.back() = static_cast<char>(hi.back() + 1);
     }
   }
-  std::vector<Definition> out;
+  std::vector<Ranked> ranked;
   for (const auto& row : db.fetchall(definitions_sql(), {full, full.substr(at), limit, lo, hi, qualifier})) {
     Definition d{row[0].to_text(), row[1].to_text(), row[2].is_null() ? 0 : row[2].as_int(), {},
                  row[4].is_null() ? std::string() : row[4].to_text(), row[5].to_text(), row[3].to_text()};
@@ -358,7 +512,14 @@ std::vector<Definition> find_definitions(Database& db, std::string_view name, st
       else if (qualified.ends_with('.')) qualified.remove_suffix(1);
       d.scope = qualified;
     }
-    out.push_back(std::move(d));
+    ranked.push_back({std::move(d), row[6].as_int(), row[7].as_int(), row[8].to_text(),
+                      row[9].is_null() ? 0 : row[9].as_int()});
+  }
+  rank_by_includes(db, ranked);
+  std::vector<Definition> out;
+  for (auto& r : ranked) {
+    if (static_cast<std::int64_t>(out.size()) >= limit) break;
+    out.push_back(std::move(r.d));
   }
   return out;
 }

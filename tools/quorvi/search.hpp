@@ -59,9 +59,13 @@ struct Definition {
 
 // The definitions of `name`, best first: symbols of exactly that name, then
 // those whose qualified name is `name` or ends in `::name` / `.name`, then,
-// for `name*`, every name with that prefix. Within each group: types, other
-// definitions, declarations (prototypes, extern variables, members), macros;
-// then the fewer enclosing scopes; then the shorter path. Raises
+// for `name*`, every name with that prefix. Within each group: types; then,
+// for the first two groups, the symbols in files that more files include,
+// directly or through others (a definition in a file that includes a
+// declaration of the same qualified name as far as that declaration; a file
+// that only the declaring file includes behind it); then other definitions,
+// declarations (prototypes, extern variables, members), macros; then the
+// fewer enclosing scopes; then the shorter path. Raises
 // std::invalid_argument for an empty name.
 std::vector<Definition> find_definitions(storage::Database& db, std::string_view name, std::int64_t limit);
 
