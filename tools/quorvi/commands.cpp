@@ -502,7 +502,8 @@ const std::vector<CommandSpec>& command_specs() {
        "Searches the text of the indexed files (FTS5 query syntax: words, \"phrases\",\n"
        "prefix*, AND/OR/NOT, NEAR(...); any other code, such as a::b or foo(, is\n"
        "searched as typed); prints the path and the line range of each hit. A chunk\n"
-       "that defines a name the query names comes first, then the best by bm25.\n"
+       "that defines a name the query names comes first, in the order `def` gives\n"
+       "the definitions, then the best by bm25.\n"
        "Several operands are joined with blanks; at most 64 terms and 4 KiB.",
        {{"--limit", "N", "print at most N hits (default 20)"}}, Access::reads, cmd_search},
       {"def", "NAME", 1, 1, "list the definitions of a symbol",

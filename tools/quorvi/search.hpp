@@ -41,8 +41,9 @@ struct Hit {
 };
 
 // The best `limit` chunks that match `typed`: those holding a symbol the
-// query names first (a type, another definition, a declaration, a macro, in
-// that order), then by bm25. One statement: the highlights are made for the
+// query names first, in the order find_definitions puts those symbols (a
+// type; the one that more files include; another definition, a
+// declaration, a macro), then by bm25. The highlights are made for the
 // chosen rows only. Raises QueryError for a query FTS5 rejects.
 std::vector<Hit> search(storage::Database& db, std::string_view typed, std::int64_t limit);
 

@@ -46,12 +46,12 @@ const FileSpec CORPUS[] = {
     {"third/party/io/open.c", {}, {{"open", "open", "function", 2}, {"opener", "opener", "variable", 9}}},
     {"py/m.py", {}, {{"open", "File.open", "member", 4}}},
     {"bin/open", {}, {}},
-    // A C library's printf, which src/printf.c implements and stdio2.h checks; compat.h's fallbacks.
-    {"src/printf.c", {}, {{"printf", "printf", "function", 4}}},
-    {"include/stdio.h", {}, {{"printf", "printf", "prototype", 3}}, {"src/util.cpp", "src/main.cpp", "src/printf.c"}},
+    {"src/printf.c", {}, {{"printf", "printf", "function", 4}}},  // a C library's, as stdio.h declares it
+    {"include/stdio.h", {{3, "int printf();\n"}}, {{"printf", "printf", "prototype", 3}},
+     {"src/main.cpp", "src/printf.c"}},
     {"include/stdio2.h", {}, {{"printf", "printf", "function", 9}, {"u32", "u32", "typedef", 5}}, {"include/stdio.h"}},
-    {"vendor/compat.h", {}, {{"printf", "printf", "function", 2}, {"u32", "u32", "typedef", 6},
-     {"u32x", "u32x", "typedef", 7}}, {"src/util.cpp", "src/main.cpp"}},
+    {"vendor/compat.h", {{2, "int printf() {}\n"}}, {{"printf", "printf", "function", 2}, {"u32", "u32", "typedef", 6},
+     {"u32x", "u32x", "typedef", 7}}, {"src/main.cpp"}},  // fallbacks, which fewer files see
 };
 
 class Search : public marsk_quorvi::testing::IndexTest {
@@ -118,6 +118,7 @@ TEST_F(Search, WhatIsTypedTheFtsQueryTheHitsAndTheDefinitions) {
       {"info NOT about", 20, {"src/log.cpp:1  spdlog::info(\"start\");"}},
       {"NEAR(info spdlog, 0)", 20, {"src/log.cpp:1  spdlog::info(\"start\");"}},
       {"(ints OR things) AND vector", 20, {"lib/vector:1  // vector things", "src/vec.hpp:1  // a vector of ints"}},
+      {"printf", 20, {"D include/stdio.h:3  int printf();", "D vendor/compat.h:2  int printf() {}"}},  // as def has it
       {"nothing_like_it", 20, {}},
       {"foo AND", 20, {"! fts5: syntax error near \"\""}},
       {"NOT foo", 20, {"! fts5: syntax error near \"NOT\""}},
