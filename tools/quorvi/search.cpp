@@ -1,6 +1,7 @@
 #include "quorvi/search.hpp"
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <numeric>
 #include <span>
@@ -263,16 +264,26 @@ const std::string& definitions_sql() {
 class Includers {
  public:
   explicit Includers(Database& db) {
-    const auto rows = db.fetchall("SELECT target_id, source_id FROM edges WHERE kind IN ('includes', 'imports')");
+    // Two text values rather than a row object per edge: the memory a query
+    // first touches costs more than parsing numbers.
+    const auto row = db.fetchone("SELECT count(*), group_concat(target_id), group_concat(source_id) FROM edges "
+                                 "WHERE kind IN ('includes', 'imports')");
+    if (!row || (*row)[1].is_null()) return;
     std::vector<std::pair<std::uint32_t, std::uint32_t>> edges;  // (included, including)
-    edges.reserve(rows.size());
-    numbers_.reserve(rows.size() / 2);
+    edges.reserve(static_cast<std::size_t>((*row)[0].as_int()));
+    numbers_.reserve(edges.capacity() / 2);
     const auto number = [&](std::int64_t id) {
       const auto [it, added] = numbers_.emplace(id, static_cast<std::uint32_t>(ids_.size()));
       if (added) ids_.push_back(id);
       return it->second;
     };
-    for (const auto& r : rows) edges.emplace_back(number(r[0].as_int()), number(r[1].as_int()));
+    const std::string_view targets = (*row)[1].as_text(), sources = (*row)[2].as_text();
+    for (const char *t = targets.data(), *s = sources.data(); t < targets.data() + targets.size();) {
+      std::int64_t target = 0, source = 0;
+      t = std::from_chars(t, targets.data() + targets.size(), target).ptr + 1;
+      s = std::from_chars(s, sources.data() + sources.size(), source).ptr + 1;
+      edges.emplace_back(number(target), number(source));
+    }
     first_.assign(ids_.size() + 1, 0);
     for (const auto& e : edges) ++first_[e.first + 1];
     for (std::size_t i = 1; i < first_.size(); ++i) first_[i] += first_[i - 1];
