@@ -293,9 +293,18 @@ class Includers {
     mark_.assign(ids_.size(), 0);
   }
 
-  bool includes(std::int64_t from, std::int64_t to) const {
+  // Whether `from` includes `to`: itself, or with `through`, by way of
+  // other files too.
+  bool includes(std::int64_t from, std::int64_t to, bool through) {
     const auto f = find(from), t = find(to);
-    return f && t && std::find(including(*t).begin(), including(*t).end(), *f) != including(*t).end();
+    if (!f || !t) return false;
+    if (!through) return std::find(including(*t).begin(), including(*t).end(), *f) != including(*t).end();
+    bool found = false;
+    walk(*t, [&](std::uint32_t n) {
+      found = n == *f;
+      return !found;
+    });
+    return found;
   }
 
   // The one file that includes `anchor`; none when no file or several do.
@@ -308,20 +317,12 @@ class Includers {
   // How many files include `anchor`, directly or through other files.
   std::int64_t reach(std::int64_t anchor) {
     const auto start = find(anchor);
-    if (!start) return 0;
-    ++walk_;
-    mark_[*start] = walk_;
-    std::vector<std::uint32_t> todo{*start};
     std::int64_t seen = 0;
-    while (!todo.empty()) {
-      const auto at = todo.back();
-      todo.pop_back();
-      for (const auto n : including(at)) {
-        if (mark_[n] == walk_) continue;
-        mark_[n] = walk_;
+    if (start) {
+      walk(*start, [&](std::uint32_t) {
         ++seen;
-        todo.push_back(n);
-      }
+        return true;
+      });
     }
     return seen;
   }
@@ -331,6 +332,24 @@ class Includers {
     const auto it = numbers_.find(id);
     if (it == numbers_.end()) return std::nullopt;
     return it->second;
+  }
+  // Calls `reached` once for every file that includes `start`, directly or
+  // not, until it returns false.
+  template <class Reached>
+  void walk(std::uint32_t start, Reached&& reached) {
+    ++walk_;
+    mark_[start] = walk_;
+    std::vector<std::uint32_t> todo{start};
+    while (!todo.empty()) {
+      const auto at = todo.back();
+      todo.pop_back();
+      for (const auto n : including(at)) {
+        if (mark_[n] == walk_) continue;
+        mark_[n] = walk_;
+        if (!reached(n)) return;
+        todo.push_back(n);
+      }
+    }
   }
   std::span<const std::uint32_t> including(std::uint32_t n) const {
     return std::span(including_).subspan(first_[n], first_[n + 1] - first_[n]);
@@ -363,7 +382,9 @@ struct Seen {
 // hide the definition that everybody gets. Two files that are one thing
 // count as one: a definition in a file that includes a declaration of the
 // same qualified name implements it (foo.cpp, foo.hpp) and is seen as
-// widely; and a file that only the declaring file includes is a piece of it
+// widely; through other files too when the name has a scope, while a bare
+// name may be another thing (a library's own printf that ends up including
+// stdio.h); and a file that only the declaring file includes is a piece of it
 // (stdio.h pulls in bits/stdio2.h for its checked variants), seen as widely
 // but behind it. Types still come first, as KIND_RANK has it (Seen::key).
 // Nothing is counted, and every key is equal, for symbols all in one file.
@@ -408,7 +429,8 @@ void see_by_includes(Database& db, std::vector<Seen>& rows) {
         r.piece = true;
         break;
       }
-      if (r.kind_rank >= 3 && includers.includes(r.anchor, decl->anchor)) r.by = std::max(r.by, decl->by);
+      const bool scoped = r.q.find_first_of(":.") != std::string::npos;
+      if (r.kind_rank >= 3 && includers.includes(r.anchor, decl->anchor, scoped)) r.by = std::max(r.by, decl->by);
     }
   }
 }

@@ -63,8 +63,9 @@ struct Definition {
 // for `name*`, every name with that prefix. Within each group: types; then,
 // for the first two groups, the symbols in files that more files include,
 // directly or through others (a definition in a file that includes a
-// declaration of the same qualified name as far as that declaration; a file
-// that only the declaring file includes behind it); then other definitions,
+// declaration of the same qualified name, through other files too when the
+// name has a scope, as far as that declaration; a file that only the
+// declaring file includes behind it); then other definitions,
 // declarations (prototypes, extern variables, members), macros; then the
 // fewer enclosing scopes; then the shorter path. Raises
 // std::invalid_argument for an empty name.

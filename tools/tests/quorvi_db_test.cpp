@@ -68,8 +68,7 @@ TEST(Language, ByNameAndExtension) {
   };
   for (const auto& [name, lang] : cases) EXPECT_EQ(language_for(name), lang) << name;
   // ctags is told to read a .h file as C++, the language the index gives it.
-  const auto mapped = parsed_extensions();
-  EXPECT_NE(std::find(mapped.begin(), mapped.end(), std::pair<std::string, std::string>("C++", "h")), mapped.end());
+  EXPECT_THAT(parsed_extensions(), ::testing::Contains(std::pair<std::string, std::string>("C++", "h")));
 }
 
 TEST(Ctags, ReadsVersionsAndEndsTheChildWhenTheLineHandlerThrows) {

@@ -35,23 +35,25 @@ const FileSpec CORPUS[] = {
     {"src/main.cpp", {{1, "int main() {\n  add_numbers(1, 2);\n  add_numbers(3, 4);\n  return add_numbers(5, 6);\n}\n"}},
      {{"main", "main", "function", 1}}},
     {"src/log.cpp", {{1, "spdlog::info(\"start\");\np->next = nullptr;\n"}, {3, "// info about spdlog\n// next p\n"}},
-     {{"vector", "vector", "function", 1}}, {"src/main.cpp"}},  // more files see it, but a type comes first
+     {{"vector", "vector", "function", 1}}, {"src/util.cpp", "src/main.cpp"}},  // more see it, but types come first
     // Its anchor row is named "vector": bookkeeping, not a definition.
     {"lib/vector", {{1, "// vector things\n"}}, {}},
-    {"src/vec.hpp", {{1, "// a vector of ints\n\n"}, {3, "namespace std {\nclass vector {\n};\n}\n"}},
-     {{"std", "std", "namespace", 3}, {"vector", "std::vector", "class", 4}}},
     {"src/db.cpp", {}, {{"open", "Database::open", "function", 10, "(const char *path)"}, {"open_file", "open_file", "function", 20}}},
-    {"include/db.hpp", {}, {{"Database", "Database", "class", 3}, {"open", "Database::open", "prototype", 5}}},
+    {"src/vec.hpp", {{1, "// a vector of ints\n\n"}, {3, "namespace std {\nclass vector {\n};\n}\n"}},
+     {{"std", "std", "namespace", 3}, {"vector", "std::vector", "class", 4}}, {"src/db.cpp"}},
+    {"include/db.hpp", {}, {{"Database", "Database", "class", 3}, {"open", "Database::open", "prototype", 5}},
+     {"src/vec.hpp"}},  // which db.cpp includes: its Database::open implements this one
     {"include/fcntl.h", {}, {{"open", "open", "prototype", 7}, {"open", "open", "macro", 3}}},
     {"third/party/io/open.c", {}, {{"open", "open", "function", 2}, {"opener", "opener", "variable", 9}}},
-    {"py/m.py", {}, {{"open", "File.open", "member", 4}}},
+    {"py/m.py", {}, {{"open", "File.open", "member", 4}, {"openmode", "openmode", "class", 8}}},
     {"bin/open", {}, {}},
     {"src/printf.c", {}, {{"printf", "printf", "function", 4}}},  // a C library's, as stdio.h declares it
-    {"include/stdio.h", {{3, "int printf();\n"}}, {{"printf", "printf", "prototype", 3}},
-     {"src/main.cpp", "src/printf.c"}},
-    {"include/stdio2.h", {}, {{"printf", "printf", "function", 9}, {"u32", "u32", "typedef", 5}}, {"include/stdio.h"}},
     {"vendor/compat.h", {{2, "int printf() {}\n"}}, {{"printf", "printf", "function", 2}, {"u32", "u32", "typedef", 6},
      {"u32x", "u32x", "typedef", 7}}, {"src/main.cpp"}},  // fallbacks, which fewer files see
+    {"vendor/compat_io.h", {}, {}, {"vendor/compat.h"}},  // through which compat.h includes stdio.h
+    {"include/stdio.h", {{3, "int printf();\n"}}, {{"printf", "printf", "prototype", 3}},
+     {"src/main.cpp", "src/printf.c", "vendor/compat_io.h"}},
+    {"include/stdio2.h", {}, {{"printf", "printf", "function", 9}, {"u32", "u32", "typedef", 5}}, {"include/stdio.h"}},
 };
 
 class Search : public marsk_quorvi::testing::IndexTest {
@@ -124,11 +126,11 @@ TEST_F(Search, WhatIsTypedTheFtsQueryTheHitsAndTheDefinitions) {
       {"NOT foo", 20, {"! fts5: syntax error near \"NOT\""}},
       {"\"open", 20, {"! unterminated string"}},
       {"", 20, {"! fts5: syntax error near \"\""}},
-      // Definitions, the fewer scopes first; then declarations; macros last.
+      // What more files see first; then definitions, the fewer scopes first; declarations; macros last.
       {"def open", 20,
-       {"function  third/party/io/open.c:2  open", "function  src/db.cpp:10  Database::open(const char *path)",
-        "prototype  include/fcntl.h:7  open", "member  py/m.py:4  File.open",
-        "prototype  include/db.hpp:5  Database::open", "macro  include/fcntl.h:3  open"}},
+       {"function  src/db.cpp:10  Database::open(const char *path)", "prototype  include/db.hpp:5  Database::open",
+        "function  third/party/io/open.c:2  open", "prototype  include/fcntl.h:7  open", "member  py/m.py:4  File.open",
+        "macro  include/fcntl.h:3  open"}},
       {"def Database::open", 20,
        {"function  src/db.cpp:10  Database::open(const char *path)", "prototype  include/db.hpp:5  Database::open"}},
       {"def File.open", 20, {"member  py/m.py:4  File.open"}},
@@ -139,7 +141,7 @@ TEST_F(Search, WhatIsTypedTheFtsQueryTheHitsAndTheDefinitions) {
        {"function  src/db.cpp:10  Database::open(const char *path)", "prototype  include/db.hpp:5  Database::open"}},
       {"def Data*", 20, {"class  include/db.hpp:3  Database"}},
       {"def vector", 20, {"class  src/vec.hpp:4  std::vector", "function  src/log.cpp:1  vector"}},
-      {"def open*", 1, {"function  third/party/io/open.c:2  open"}},
+      {"def open*", 1, {"function  src/db.cpp:10  Database::open(const char *path)"}},
       // By the files that include each, directly or not; the prefix group follows, without repeating them.
       {"def printf", 20,
        {"function  src/printf.c:4  printf", "prototype  include/stdio.h:3  printf",
@@ -150,15 +152,14 @@ TEST_F(Search, WhatIsTypedTheFtsQueryTheHitsAndTheDefinitions) {
       {"def *", 20, {"! no name to look up"}},
   };
   for (const auto& [typed, limit, rows] : cases) {
-    const std::string_view name = typed;
     Strings got;
     try {
-      if (name.starts_with("fts ")) {
-        const auto q = fts_query(name.substr(4));
+      if (std::string_view(typed).starts_with("fts ")) {
+        const auto q = fts_query(typed + 4);
         got = {q.text, std::to_string(q.terms)};
         got.insert(got.end(), q.names.begin(), q.names.end());
-      } else if (name.starts_with("def ")) {
-        for (const auto& d : find_definitions(*db_, name.substr(4), limit)) got.push_back(format_definition(d));
+      } else if (std::string_view(typed).starts_with("def ")) {
+        for (const auto& d : find_definitions(*db_, typed + 4, limit)) got.push_back(format_definition(d));
       } else {
         for (const auto& h : search(*db_, typed, limit)) got.push_back((h.defines ? "D " : "") + format_hit(h));
       }
