@@ -502,13 +502,16 @@ const std::vector<CommandSpec>& command_specs() {
        "Searches the text of the indexed files (FTS5 query syntax: words, \"phrases\",\n"
        "prefix*, AND/OR/NOT, NEAR(...); any other code, such as a::b or foo(, is\n"
        "searched as typed); prints the path and the line range of each hit. A chunk\n"
-       "that defines a name the query names comes first, then the best by bm25.\n"
+       "that defines a name the query names comes first, in the order `def` gives\n"
+       "the definitions, then the best by bm25.\n"
        "Several operands are joined with blanks; at most 64 terms and 4 KiB.",
        {{"--limit", "N", "print at most N hits (default 20)"}}, Access::reads, cmd_search},
       {"def", "NAME", 1, 1, "list the definitions of a symbol",
        "Lists where NAME is defined, best first: symbols of exactly that name, then\n"
        "those whose qualified name is NAME or ends in ::NAME or .NAME, then, for\n"
-       "NAME*, every name with that prefix. Types and definitions come before\n"
+       "NAME*, every name with that prefix. Types first, then what more files of\n"
+       "the repository include, directly or not (a definition in a file that\n"
+       "includes the declaration counts as the declaration); definitions before\n"
        "declarations and macros. Each line: kind, path:line, scope, signature.",
        {{"--limit", "N", "print at most N definitions (default 20)"}}, Access::reads, cmd_def},
       {"compact", "", 0, 0, "give free pages back to the file system",

@@ -14,9 +14,9 @@
 namespace marsk_quorvi::cli {
 
 // What this tool makes of ctags' tags: raised whenever the same ctags
-// would give the index other rows (kinds, fields, languages told apart), so
-// that no file re-uses rows an older build extracted.
-inline constexpr std::int64_t EXTRACTION_REVISION = 1;
+// would give the index other rows (kinds, fields, languages told apart,
+// includes resolved), so that no file re-uses rows an older build extracted.
+inline constexpr std::int64_t EXTRACTION_REVISION = 2;
 
 // The extractor stamp of this build: for every parsed language, the ctags
 // version number times 100 plus EXTRACTION_REVISION (empty without ctags).

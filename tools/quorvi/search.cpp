@@ -1,7 +1,12 @@
 #include "quorvi/search.hpp"
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
+#include <numeric>
+#include <span>
+#include <tuple>
+#include <unordered_map>
 
 #include "marsk_quorvi/errors.hpp"
 #include "marsk_quorvi/storage/core_schema.hpp"
@@ -186,9 +191,9 @@ std::string json_array(const std::vector<std::string>& names) {
   return out + "]";
 }
 
-// syms: the symbols the query names, from the name index, with their
-// KIND_RANK. defs: the chunks that hold one; each file's chunks are read
-// once, as one rowid range. top: the matches ranked
+// syms: the symbols the query names, as (file id, line, score) in ?1 (see
+// search). defs: the chunks that hold one, with the best score among them;
+// each file's chunks are read once, as one rowid range. top: the matches ranked
 // by bm25() sorted in SQLite (cheaper than FTS5's own ORDER BY rank), and
 // without their line columns, which cost a read of the chunk's row. The
 // outer select walks the matches again and reads lines and makes a
@@ -198,8 +203,8 @@ const std::string& search_sql() {
   static const std::string sql = [] {
     const std::string bits = std::to_string(storage::core_schema::CHUNK_ROWID_BITS);
     return "WITH syms(file_id, line, strength) AS MATERIALIZED ("
-           "SELECT file_id, start_line, " + std::string(KIND_RANK) + " FROM symbols AS s "
-           "WHERE name IN (SELECT value FROM json_each(?1)) AND " + NOT_ANCHOR + "), "
+           "SELECT json_extract(value, '$[0]'), json_extract(value, '$[1]'), json_extract(value, '$[2]') "
+           "FROM json_each(?1)), "
            "defs(rid, strength) AS MATERIALIZED ("
            "SELECT c.rowid, max(y.strength) FROM (SELECT DISTINCT file_id FROM syms) AS sf "
            "CROSS JOIN code_chunks AS c ON c.rowid BETWEEN sf.file_id << " + bits +
@@ -217,13 +222,23 @@ const std::string& search_sql() {
   return sql;
 }
 
+// The symbols of the names in ?1: file, line, KIND_RANK and the name as
+// qualified inside its file.
+const std::string& symbols_sql() {
+  static const std::string sql = "SELECT s.file_id, s.start_line, " + std::string(KIND_RANK) +
+                                 ", substr(s.fqn, length(f.path) + 3) FROM symbols AS s JOIN files AS f ON "
+                                 "f.id = s.file_id WHERE s.name IN (SELECT value FROM json_each(?1)) AND " + NOT_ANCHOR;
+  return sql;
+}
+
 // Tier 0: the exact name; 1: the qualified name (?2 its last part); 2: the
 // names in [?4, ?5), whose qualified name ends in ?6 followed by the name
 // when ?6 is not empty. Every branch starts from idx_symbols_name or
 // idx_symbols_fqn. Within a tier: by KIND_RANK, then the fewer enclosing
 // scopes (q is the name as qualified inside its file), so
 // that std::vector comes before a nested namespace's vector and a free
-// function before a method, then the shorter path.
+// function before a method, then the shorter path. Every row of tiers 0
+// and 1 comes back, for see_by_includes; of tier 2 only ?3.
 const std::string& definitions_sql() {
   static const std::string sql =
       "WITH m(id, tier) AS ("
@@ -236,12 +251,188 @@ const std::string& definitions_sql() {
       "substr(fqn, -length(name) - length(?6) - 1, 1) IN (':', '.')))) "
       "SELECT s.kind, f.path, s.start_line, s.fqn, s.signature, s.name, min(m.tier) AS tier, "
       + std::string(KIND_RANK) + " AS kind_rank, "
-      "substr(s.fqn, length(f.path) + 3) AS q "
+      "substr(s.fqn, length(f.path) + 3) AS q, s.file_id "
       "FROM m JOIN symbols AS s ON s.id = m.id JOIN files AS f ON f.id = s.file_id WHERE " + NOT_ANCHOR +
       " GROUP BY s.id ORDER BY tier, kind_rank DESC, "
       "length(q) - length(replace(replace(q, '::', ':'), '.', '')), "
-      "length(f.path), f.path, s.name, s.start_line LIMIT ?3";
+      "length(f.path), f.path, s.name, s.start_line LIMIT ?3 + (SELECT count(*) FROM m WHERE tier < 2)";
   return sql;
+}
+
+// The include and import graph, reversed: the files that include each file,
+// by anchor, numbered densely so that a walk marks a flat array.
+class Includers {
+ public:
+  explicit Includers(Database& db) {
+    // Two text values rather than a row object per edge: the memory a query
+    // first touches costs more than parsing numbers.
+    const auto row = db.fetchone("SELECT count(*), group_concat(target_id), group_concat(source_id) FROM edges "
+                                 "WHERE kind IN ('includes', 'imports')");
+    if (!row || (*row)[1].is_null()) return;
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> edges;  // (included, including)
+    edges.reserve(static_cast<std::size_t>((*row)[0].as_int()));
+    numbers_.reserve(edges.capacity() / 2);
+    const auto number = [&](std::int64_t id) {
+      const auto [it, added] = numbers_.emplace(id, static_cast<std::uint32_t>(ids_.size()));
+      if (added) ids_.push_back(id);
+      return it->second;
+    };
+    const std::string_view targets = (*row)[1].as_text(), sources = (*row)[2].as_text();
+    for (const char *t = targets.data(), *s = sources.data(); t < targets.data() + targets.size();) {
+      std::int64_t target = 0, source = 0;
+      t = std::from_chars(t, targets.data() + targets.size(), target).ptr + 1;
+      s = std::from_chars(s, sources.data() + sources.size(), source).ptr + 1;
+      edges.emplace_back(number(target), number(source));
+    }
+    first_.assign(ids_.size() + 1, 0);
+    for (const auto& e : edges) ++first_[e.first + 1];
+    for (std::size_t i = 1; i < first_.size(); ++i) first_[i] += first_[i - 1];
+    including_.resize(edges.size());
+    auto next = first_;
+    for (const auto& e : edges) including_[next[e.first]++] = e.second;
+    mark_.assign(ids_.size(), 0);
+  }
+
+  // Whether `from` includes `to`: itself, or with `through`, by way of
+  // other files too.
+  bool includes(std::int64_t from, std::int64_t to, bool through) {
+    const auto f = find(from), t = find(to);
+    if (!f || !t) return false;
+    if (!through) return std::find(including(*t).begin(), including(*t).end(), *f) != including(*t).end();
+    bool found = false;
+    walk(*t, [&](std::uint32_t n) {
+      found = n == *f;
+      return !found;
+    });
+    return found;
+  }
+
+  // The one file that includes `anchor`; none when no file or several do.
+  std::optional<std::int64_t> only_includer(std::int64_t anchor) const {
+    const auto n = find(anchor);
+    if (!n || including(*n).size() != 1) return std::nullopt;
+    return ids_[including(*n).front()];
+  }
+
+  // How many files include `anchor`, directly or through other files.
+  std::int64_t reach(std::int64_t anchor) {
+    const auto start = find(anchor);
+    std::int64_t seen = 0;
+    if (start) {
+      walk(*start, [&](std::uint32_t) {
+        ++seen;
+        return true;
+      });
+    }
+    return seen;
+  }
+
+ private:
+  std::optional<std::uint32_t> find(std::int64_t id) const {
+    const auto it = numbers_.find(id);
+    if (it == numbers_.end()) return std::nullopt;
+    return it->second;
+  }
+  // Calls `reached` once for every file that includes `start`, directly or
+  // not, until it returns false.
+  template <class Reached>
+  void walk(std::uint32_t start, Reached&& reached) {
+    ++walk_;
+    mark_[start] = walk_;
+    std::vector<std::uint32_t> todo{start};
+    while (!todo.empty()) {
+      const auto at = todo.back();
+      todo.pop_back();
+      for (const auto n : including(at)) {
+        if (mark_[n] == walk_) continue;
+        mark_[n] = walk_;
+        if (!reached(n)) return;
+        todo.push_back(n);
+      }
+    }
+  }
+  std::span<const std::uint32_t> including(std::uint32_t n) const {
+    return std::span(including_).subspan(first_[n], first_[n + 1] - first_[n]);
+  }
+
+  std::unordered_map<std::int64_t, std::uint32_t> numbers_;  // anchor id -> number
+  std::vector<std::int64_t> ids_;         // by number
+  std::vector<std::uint32_t> first_;      // where each file's includers start in including_
+  std::vector<std::uint32_t> including_;  // the includers, by number
+  std::vector<std::uint32_t> mark_;       // the last walk that reached each file
+  std::uint32_t walk_ = 0;
+};
+
+// What see_by_includes needs of a symbol, and what it finds.
+struct Seen {
+  std::int64_t tier, kind_rank;
+  std::string q;
+  std::int64_t file_id;
+  std::int64_t anchor = 0;  // the file's, 0 for a file without one
+  std::int64_t by = 0;      // the files that see it
+  bool piece = false;
+  // Higher first within a tier.
+  auto key() const { return std::make_tuple(kind_rank == 4, by, !piece); }
+};
+
+// Within a tier, the definition that more of the repository sees comes
+// first: the one in the file that the most files include, directly or
+// through others, so that the C library's header answers for printf before
+// a project's own, and a fallback in a header that few include does not
+// hide the definition that everybody gets. Two files that are one thing
+// count as one: a definition in a file that includes a declaration of the
+// same qualified name implements it (foo.cpp, foo.hpp) and is seen as
+// widely; through other files too when the name has a scope, while a bare
+// name may be another thing (a library's own printf that ends up including
+// stdio.h); and a file that only the declaring file includes is a piece of it
+// (stdio.h pulls in bits/stdio2.h for its checked variants), seen as widely
+// but behind it. Types still come first, as KIND_RANK has it (Seen::key).
+// Nothing is counted, and every key is equal, for symbols all in one file.
+void see_by_includes(Database& db, std::vector<Seen>& rows) {
+  std::unordered_map<std::int64_t, std::int64_t> anchors;  // file id -> its anchor
+  for (const auto& r : rows) {
+    if (r.tier < 2) anchors.emplace(r.file_id, 0);
+  }
+  if (anchors.size() < 2) return;
+  // A file's anchor is its first row, as the index writes it: one seek in
+  // idx_symbols_file, without reading the row. A file whose first row were
+  // anything else would only find no include edge.
+  std::string files = "[";
+  for (const auto& [file_id, anchor] : anchors) files += (files.size() > 1 ? "," : "") + std::to_string(file_id);
+  for (const auto& row : db.fetchall("SELECT value, (SELECT min(id) FROM symbols WHERE file_id = value) "
+                                     "FROM json_each(?1)", {files + "]"})) {
+    if (!row[1].is_null()) anchors[row[0].as_int()] = row[1].as_int();
+  }
+  std::unordered_map<std::int64_t, std::int64_t> reach;  // anchor -> files that include it
+  for (auto& r : rows) {
+    if (r.tier >= 2) continue;
+    r.anchor = anchors[r.file_id];
+    if (r.anchor) reach.emplace(r.anchor, 0);
+  }
+  Includers includers(db);
+  for (auto& [anchor, n] : reach) n = includers.reach(anchor);
+  std::unordered_map<std::string_view, std::vector<const Seen*>> declared;
+  for (auto& r : rows) {
+    if (r.tier >= 2 || !r.anchor) continue;
+    r.by = reach.at(r.anchor);
+    if (r.kind_rank == 2) declared[r.q].push_back(&r);
+  }
+  for (auto& r : rows) {
+    if (r.tier >= 2 || !r.anchor || r.kind_rank == 2) continue;
+    const auto it = declared.find(r.q);
+    if (it == declared.end()) continue;
+    const auto only = includers.only_includer(r.anchor);
+    for (const auto* decl : it->second) {
+      if (decl->anchor == r.anchor) continue;
+      if (only == decl->anchor) {
+        r.by = decl->by;
+        r.piece = true;
+        break;
+      }
+      const bool scoped = r.q.find_first_of(":.") != std::string::npos;
+      if (r.kind_rank >= 3 && includers.includes(r.anchor, decl->anchor, scoped)) r.by = std::max(r.by, decl->by);
+    }
+  }
 }
 
 // Where the last part of a qualified name starts: after the last "::" or ".".
@@ -295,9 +486,27 @@ std::string first_marked_line(const std::string& text) {
 
 std::vector<Hit> search(Database& db, std::string_view typed, std::int64_t limit) {
   const auto query = fts_query(typed);
+  // The chunks that hold a symbol the query names come first, in the order
+  // find_definitions gives those symbols: each symbol's score packs Seen::key
+  // and its KIND_RANK into one number that SQLite compares.
+  std::vector<std::pair<std::int64_t, std::int64_t>> where;  // file id, line
+  std::vector<Seen> seen;
+  for (const auto& row : db.fetchall(symbols_sql(), {json_array(query.names)})) {
+    where.emplace_back(row[0].as_int(), row[1].is_null() ? 0 : row[1].as_int());
+    seen.push_back({0, row[2].as_int(), row[3].to_text(), row[0].as_int()});
+  }
+  see_by_includes(db, seen);
+  std::string syms = "[";
+  for (std::size_t i = 0; i < seen.size(); ++i) {
+    const auto& r = seen[i];
+    const std::int64_t score = ((((r.kind_rank == 4 ? std::int64_t{1} << 40 : 0) + r.by) * 2 + !r.piece) << 3) + r.kind_rank;
+    syms += (i ? ",[" : "[") + std::to_string(where[i].first) + "," + std::to_string(where[i].second) + "," +
+            std::to_string(score) + "]";
+  }
+  syms += "]";
   std::vector<storage::Row> rows;
   try {
-    rows = db.fetchall(search_sql(), {json_array(query.names), query.text, limit});
+    rows = db.fetchall(search_sql(), {syms, query.text, limit});
   } catch (const storage::Error& e) {
     // SQLITE_ERROR is what FTS5 raises for the query's text; locks and
     // damage are the caller's to report.
@@ -345,7 +554,8 @@ std::vector<Definition> find_definitions(Database& db, std::string_view name, st
       hi.back() = static_cast<char>(hi.back() + 1);
     }
   }
-  std::vector<Definition> out;
+  std::vector<Definition> defs;
+  std::vector<Seen> seen;
   for (const auto& row : db.fetchall(definitions_sql(), {full, full.substr(at), limit, lo, hi, qualifier})) {
     Definition d{row[0].to_text(), row[1].to_text(), row[2].is_null() ? 0 : row[2].as_int(), {},
                  row[4].is_null() ? std::string() : row[4].to_text(), row[5].to_text(), row[3].to_text()};
@@ -358,7 +568,20 @@ std::vector<Definition> find_definitions(Database& db, std::string_view name, st
       else if (qualified.ends_with('.')) qualified.remove_suffix(1);
       d.scope = qualified;
     }
-    out.push_back(std::move(d));
+    defs.push_back(std::move(d));
+    seen.push_back({row[6].as_int(), row[7].as_int(), row[8].to_text(), row[9].as_int()});
+  }
+  see_by_includes(db, seen);
+  std::vector<std::size_t> order(defs.size());
+  std::iota(order.begin(), order.end(), std::size_t{0});
+  // definitions_sql's order decides between equals.
+  std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+    return seen[a].tier != seen[b].tier ? seen[a].tier < seen[b].tier : seen[a].key() > seen[b].key();
+  });
+  std::vector<Definition> out;
+  for (const auto i : order) {
+    if (static_cast<std::int64_t>(out.size()) >= limit) break;
+    out.push_back(std::move(defs[i]));
   }
   return out;
 }

@@ -41,8 +41,9 @@ struct Hit {
 };
 
 // The best `limit` chunks that match `typed`: those holding a symbol the
-// query names first (a type, another definition, a declaration, a macro, in
-// that order), then by bm25. One statement: the highlights are made for the
+// query names first, in the order find_definitions puts those symbols (a
+// type; the one that more files include; another definition, a
+// declaration, a macro), then by bm25. The highlights are made for the
 // chosen rows only. Raises QueryError for a query FTS5 rejects.
 std::vector<Hit> search(storage::Database& db, std::string_view typed, std::int64_t limit);
 
@@ -59,9 +60,14 @@ struct Definition {
 
 // The definitions of `name`, best first: symbols of exactly that name, then
 // those whose qualified name is `name` or ends in `::name` / `.name`, then,
-// for `name*`, every name with that prefix. Within each group: types, other
-// definitions, declarations (prototypes, extern variables, members), macros;
-// then the fewer enclosing scopes; then the shorter path. Raises
+// for `name*`, every name with that prefix. Within each group: types; then,
+// for the first two groups, the symbols in files that more files include,
+// directly or through others (a definition in a file that includes a
+// declaration of the same qualified name, through other files too when the
+// name has a scope, as far as that declaration; a file that only the
+// declaring file includes behind it); then other definitions,
+// declarations (prototypes, extern variables, members), macros; then the
+// fewer enclosing scopes; then the shorter path. Raises
 // std::invalid_argument for an empty name.
 std::vector<Definition> find_definitions(storage::Database& db, std::string_view name, std::int64_t limit);
 

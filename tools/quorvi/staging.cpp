@@ -130,19 +130,26 @@ void ImportResolver::add(const std::string& path, std::int64_t anchor) {
 
 std::optional<std::int64_t> ImportResolver::find(const std::string& from, const std::string& name) const {
   const auto folder = from.substr(0, from.rfind('/') + 1);
-  if (auto beside = normal_path(folder + name)) {
+  // A header that includes its own name (a wrapper over the header it
+  // stands in for) means the other file of that name.
+  if (auto beside = normal_path(folder + name); beside && *beside != from) {
     if (auto it = by_path_.find(*beside); it != by_path_.end()) return it->second;
   }
   const auto wanted = normal_path(name);
   if (!wanted || wanted->empty() || name.find("..") != std::string::npos) return std::nullopt;
   const auto same = by_last_segment_.find(wanted->substr(wanted->rfind('/') + 1));
   if (same == by_last_segment_.end()) return std::nullopt;
+  // An include path starts at a folder that holds the including file more
+  // often than at one beside it: `<errno.h>` in node/openssl/ means the
+  // top-level errno.h rather than node/uv/errno.h, though that one is nearer.
+  const auto score = [&](const std::string& p) {
+    const auto root = std::string_view(p).substr(0, p.size() - wanted->size());
+    return std::make_tuple(!from.starts_with(root), -static_cast<std::ptrdiff_t>(shared_folders(p, from)), p.size(),
+                           std::string_view(p));
+  };
   const std::string* best = nullptr;
   for (const auto& path : same->second) {
-    if (path != *wanted && !path.ends_with("/" + *wanted)) continue;
-    const auto score = [&](const std::string& p) {
-      return std::make_tuple(-static_cast<std::ptrdiff_t>(shared_folders(p, from)), p.size(), std::string_view(p));
-    };
+    if (path == from || (path != *wanted && !path.ends_with("/" + *wanted))) continue;
     if (!best || score(path) < score(*best)) best = &path;
   }
   if (!best) return std::nullopt;
@@ -153,7 +160,7 @@ std::optional<std::int64_t> ImportResolver::resolve(const std::string& from, con
                                                     const Import& in) const {
   for (const auto& name : import_names(language, in)) {
     if (name.empty()) continue;
-    if (auto found = find(from, name); found && *found != by_path_.at(from)) return found;
+    if (auto found = find(from, name)) return found;
   }
   return std::nullopt;
 }

@@ -58,10 +58,13 @@ struct StagingCounts {
 //
 // A name resolves to a file of the repository by the first rule that finds
 // one: the name taken relative to the including file's folder (as a
-// compiler reads `#include "x.h"`), then any file whose path ends with the
-// name (as an include path would find `<lib/x.h>`); among several, the one
-// that shares the most leading folders with the including file, then the
-// shorter path, then the first in path order. A name that climbs above the
+// compiler reads `#include "x.h"`), then any other file whose path ends
+// with the name (as an include path would find `<lib/x.h>`); among several,
+// one whose path before the name is a folder holding the including file,
+// then the one that shares the most leading folders with the including file,
+// then the shorter path, then the first in path order. A file is never its
+// own include (a wrapper that includes its own name means the other file of
+// that name). A name that climbs above the
 // repository resolves to nothing. An import is tried as the files its
 // language makes of it: Python's `a.b` as a/b.py or a/b/__init__.py (and
 // `from a import b` as a/b.py too), Perl's A::B as A/B.pm, Java's a.b.C as

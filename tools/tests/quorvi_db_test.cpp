@@ -68,8 +68,7 @@ TEST(Language, ByNameAndExtension) {
   };
   for (const auto& [name, lang] : cases) EXPECT_EQ(language_for(name), lang) << name;
   // ctags is told to read a .h file as C++, the language the index gives it.
-  const auto mapped = parsed_extensions();
-  EXPECT_NE(std::find(mapped.begin(), mapped.end(), std::pair<std::string, std::string>("C++", "h")), mapped.end());
+  EXPECT_THAT(parsed_extensions(), ::testing::Contains(std::pair<std::string, std::string>("C++", "h")));
 }
 
 TEST(Ctags, ReadsVersionsAndEndsTheChildWhenTheLineHandlerThrows) {
@@ -162,9 +161,9 @@ TEST_F(QuorviDb, IncludesAndImportsResolveToFilesOfTheRepository) {
   const std::pair<const char*, const char*> files[] = {
       {"src/main.c", "#include \"util.h\"\n#include <lib/api.h>\n#include <stdio.h>\n#include \"../include/c++/vector\"\n"
                      "extern int counter;\nint helper(int);\nint main(void) { return helper(counter); }\n"},
-      {"src/util.h", "#include \"util.h\"\n"},  // itself: no edge
+      {"src/util.h", "#include \"util.h\"\n"}, {"include/util.h", ""},  // itself: the other util.h
       {"include/lib/api.h", ""}, {"vendor/x/lib/api.h", ""},  // the shorter path wins
-      {"src/deep/a.c", "#include <conf.h>\n"}, {"b/conf.h", ""}, {"src/conf.h", ""},  // the nearer folder wins
+      {"src/deep/a.c", "#include <conf.h>\n"}, {"src/conf.h", ""}, {"src/deep/x/conf.h", ""},  // src/ holds a.c
       {"include/c++/vector", "namespace std { template <class T> class vector {}; }\n"},
       {"tools/cfg", "// -*- C++ -*-\nstruct Cfg {};\n"}, {"tools/notes", "struct NotCode {};\n"},
       {"pkg/app.py", "import os\nfrom pkg import util as u\nimport pkg.helpers\n"}, {"pkg/util.py", ""},
@@ -172,13 +171,14 @@ TEST_F(QuorviDb, IncludesAndImportsResolveToFilesOfTheRepository) {
   for (const auto& [name, text] : files) write(repo / name, text);
   const Ctags ctags;
   const auto c = build_staging(staging, repo, extract(repo, walk_repository(repo, {}), &ctags, {}));
-  EXPECT_EQ(std::tie(c.imports, c.edges), std::make_tuple(9, 6));
+  EXPECT_EQ(std::tie(c.imports, c.edges), std::make_tuple(9, 7));
   const std::pair<std::string, std::string> cases[] = {
       {"SELECT f.path, e.line, e.kind, e.resolution, t.fqn FROM edges e JOIN symbols s ON s.id = e.source_id "
        "JOIN files f ON f.id = s.file_id JOIN symbols t ON t.id = e.target_id AND t.kind = 'module' ORDER BY e.id",
        "pkg/app.py|2|imports|exact|pkg/util.py\npkg/app.py|3|imports|exact|pkg/helpers/__init__.py\n"
        "src/deep/a.c|1|includes|exact|src/conf.h\nsrc/main.c|1|includes|exact|src/util.h\n"
-       "src/main.c|2|includes|exact|include/lib/api.h\nsrc/main.c|4|includes|exact|include/c++/vector\n"},
+       "src/main.c|2|includes|exact|include/lib/api.h\nsrc/main.c|4|includes|exact|include/c++/vector\n"
+       "src/util.h|1|includes|exact|include/util.h\n"},
       {"SELECT group_concat(module || ':' || ifnull(name, '') || ':' || ifnull(alias, '') || ':' || line, ' ') "
        "FROM external_imports",
        "os:::1 pkg:util:u:2 pkg.helpers:::3 conf.h:::1 util.h:::1 lib/api.h:::2 stdio.h:::3 ../include/c++/vector:::4 "
@@ -569,9 +569,8 @@ TEST_F(QuorviDb, OneIndexRunAtATimeReadersNeverWaitAndTerminalsSeeNoEscapes) {
          HasSubstr(": another `quorvi-db index` run (pid " + std::to_string(first.pid) + ") is writing "),
          {"QUORVI_DB_LOCK_WAIT_MS=0"}}, dir_);
     ::kill(first.pid, sig);
-    const auto [status, out, err] = first.wait();
-    EXPECT_EQ(status, 128 + sig);
-    EXPECT_EQ(err, "quorvi-db: index: interrupted; its staging file is removed\n");
+    EXPECT_EQ(first.wait(), std::make_tuple(128 + sig, std::string(),
+                                            std::string("quorvi-db: index: interrupted; its staging file is removed\n")));
     ::kill(std::stoi(slurp(mark)), SIGKILL);
     for (const auto& e : fs::directory_iterator(dir_)) EXPECT_THAT(e.path().string(), ::testing::Not(HasSubstr(".staging-")));
     write(db.string() + ".staging-" + std::to_string(first.pid) + "-0", "as a killed run leaves it");
