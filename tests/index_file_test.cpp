@@ -435,6 +435,11 @@ TEST_F(IndexFile, CodeChunksFollowWhatEachFileHasAndExtraStagingColumnsAreLeftOu
       EXPECT_EQ(mt::has_table(*db, "code_chunks"), live_has);
       if (live_has) EXPECT_EQ(scalar("SELECT count(*) FROM code_chunks"), copied ? 9 : 0);
       if (copied) EXPECT_EQ(scalar("SELECT sum(rowid) FROM code_chunks"), (45 << 20) + 9 * 7);  // files 1 to 9
+      // Merging, off for the copy, is back at FTS5's defaults.
+      if (copied) {
+        EXPECT_EQ(text(*db, "SELECT group_concat(k || '=' || v, ' ') FROM code_chunks_config WHERE k LIKE '%merge'"),
+                  "automerge=4 crisismerge=16");
+      }
       EXPECT_EQ(db->index_generation(), 1);
       EXPECT_EQ(scalar("SELECT count(*) FROM notes"), 0);
       // The file trigger works on the re-created table, deleting is possible at all, and foreign keys

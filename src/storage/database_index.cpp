@@ -221,10 +221,18 @@ void DatabaseImpl::_copy_staging(Cursor& cursor, const std::vector<std::pair<con
     row_counts.set(table, rows_changed(cursor));
   }
   if (chunks) {
+    // FTS5 merges its segments while rows arrive, and a copy of a whole
+    // index would make it rewrite them over and over. Merging is off for the
+    // copy and back at FTS5's defaults after it: queries read the unmerged
+    // segments about as fast, and later writes merge them.
+    cursor.execute("INSERT INTO code_chunks (code_chunks, rank) VALUES ('automerge', 0)");
+    cursor.execute("INSERT INTO code_chunks (code_chunks, rank) VALUES ('crisismerge', 1999)");
     cursor.execute(
         "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) "
         "SELECT rowid, text, start_line, end_line, exact FROM stg.code_chunks");
     row_counts.set("code_chunks", rows_changed(cursor));
+    cursor.execute("INSERT INTO code_chunks (code_chunks, rank) VALUES ('automerge', 4)");
+    cursor.execute("INSERT INTO code_chunks (code_chunks, rank) VALUES ('crisismerge', 16)");
   }
   // In the same commit as the rows: every process sees the new generation
   // together with the new file ids.
