@@ -368,10 +368,19 @@ std::vector<BenchRow> index_benchmark(const fs::path& tree, const fs::path& quor
     if (fs::copy_file(tree / f.path, half / f.path, ec)) ++half_files;
   }
 
-  err << "indexing benchmark: ctags alone over " << tree.string() << "\n";
-  const double ctags_peer = ctags_alone(tree), ctags_all_fields = ctags_alone(tree, true);
-  err << "indexing benchmark: index, half index, re-index\n";
-  const auto full = index(tree, scratch / "full.db");
+  err << "indexing benchmark: ctags alone and index over " << tree.string() << ", two rounds\n";
+  // Two rounds, each side's better one: a single run of either moves by a
+  // third on a shared machine. Each index is a first one, into a new file.
+  double ctags_peer = 1e300;
+  ChildRun full;
+  for (int round = 0; round < 2; ++round) {
+    ctags_peer = std::min(ctags_peer, ctags_alone(tree));
+    remove_database_files(scratch / "full.db");
+    auto run = index(tree, scratch / "full.db");
+    if (round == 0 || run.seconds < full.seconds) full = std::move(run);
+  }
+  const double ctags_all_fields = ctags_alone(tree, true);
+  err << "indexing benchmark: half index, re-index\n";
   const auto halved = index(half, scratch / "half.db");
   err << "indexing benchmark: def and search on the index\n";
   auto definitions = definition_rows(tree, scratch / "full.db", kKnownDefinitions, "usr_include", true);
