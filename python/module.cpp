@@ -67,6 +67,15 @@ void set_os_error(const OSError& e) {
   const py::object filename = path.empty() ? py::object(py::none()) : py::str(path);
   const bool not_found = dynamic_cast<const FileNotFoundError*>(&e) != nullptr;
   const int number = not_found && e.error_number() == 0 ? ENOENT : e.error_number();
+  if (number == 0) {
+    // No system call failed ("not a regular file: '/x'"): the message as the
+    // library wrote it, path included. A `filename` would make str() read
+    // "[Errno None] None: '/x'", so this one has none, as Python's own
+    // OSError(message) has none.
+    const py::object error = py::reinterpret_borrow<py::object>(PyExc_OSError)(py::str(e.what()));
+    PyErr_SetObject(PyExc_OSError, error.ptr());
+    return;
+  }
   const py::object error =
       py::reinterpret_borrow<py::object>(PyExc_OSError)(number, py::str(text.data(), text.size()), filename);
   PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.ptr())), error.ptr());

@@ -208,6 +208,10 @@ def test_swap_from_a_staging_file(db, tmp_path, caplog):
     assert (raised.value.errno, raised.value.filename, str(raised.value)) == (
         errno.ENOENT, str(missing), f"[Errno 2] Staging database not found: '{missing}'")
     assert db.index_generation() == 1
+    with pytest.raises(OSError) as raised:  # no system call failed: no errno
+        mq.Database(tmp_path, read_only=True).connect()
+    assert (raised.value.errno, raised.value.filename, str(raised.value)) == (
+        None, None, f"not a regular file: '{tmp_path}'")
 
 
 def test_compaction_declines_on_the_event_loop(db, caplog):
