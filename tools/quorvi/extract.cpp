@@ -246,9 +246,12 @@ void extract_batches(const fs::path& repo, const WalkResult& walked, const Ctags
   const FileHandle root(::open(repo.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!root) throw OSError("cannot open " + repo.string() + ": " + std::strerror(errno), errno, repo);
   unsigned jobs = options.jobs ? options.jobs : std::max(1u, std::thread::hardware_concurrency());
-  const auto batch_files =
-      std::max<std::size_t>(1, std::min(options.batch_files, can_link_descriptors() ? descriptors_per_batch(jobs)
-                                                                                    : options.batch_files));
+  // Each ctags run costs a process start, so batches are large; a small tree
+  // still gets a few batches per thread, so that every core has work.
+  const std::size_t spread = std::max<std::size_t>(8, walked.files.size() / (4 * std::size_t{jobs}) + 1);
+  const auto batch_files = std::max<std::size_t>(
+      1, std::min({options.batch_files, spread,
+                   can_link_descriptors() ? descriptors_per_batch(jobs) : options.batch_files}));
   // Batches close on a file count or on a byte budget, whichever comes
   // first, so that one batch of huge files does not hold up the others.
   std::vector<Range> ranges;

@@ -1,5 +1,6 @@
 #include "quorvi/index_pass.hpp"
 
+#include <malloc.h>
 #include <unistd.h>
 #include <fcntl.h>
 
@@ -83,6 +84,10 @@ void build_pass(IndexPass& pass, const fs::path& repo, const fs::path& db_path, 
 }
 
 void swap_pass(IndexPass& pass, storage::Database& db, const fs::path& staging, Progress& progress) {
+  // The extraction's texts and tags are freed by now, but the allocator keeps
+  // their pages: handed back here, they do not add to the swap's cache in
+  // the pass's peak memory.
+  ::malloc_trim(0);
   progress.show("swapping the new index in", true);
   const auto start = std::chrono::steady_clock::now();
   pass.before = db.page_counts();
