@@ -86,8 +86,8 @@ struct Extraction {
 struct ExtractOptions {
   std::int64_t max_file_bytes = 0;  // 0: DEFAULT_MAX_FILE_BYTES
   unsigned jobs = 0;                // 0: one per core
-  std::size_t batch_files = 256;    // files per ctags run, at most
-  std::size_t batch_bytes = 4u << 20;
+  std::size_t batch_files = 128;    // files per ctags run, at most
+  std::size_t batch_bytes = 2u << 20;
   // Progress: files done so far, files in all.
   std::function<void(std::size_t, std::size_t)> on_progress;
   // Live rows that unchanged files re-use: a file whose path, size,
