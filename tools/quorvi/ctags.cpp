@@ -63,13 +63,16 @@ namespace {
 std::size_t read_string(std::string_view s, std::size_t at, std::string& out) {
   out.clear();
   while (at < s.size()) {
+    // The plain run up to the next quote, backslash or control character,
+    // appended at once.
+    std::size_t end = at;
+    while (end < s.size() && s[end] != '"' && s[end] != '\\' && static_cast<unsigned char>(s[end]) >= 0x20) ++end;
+    out.append(s.data() + at, end - at);
+    at = end;
+    if (at >= s.size()) break;
     const char c = s[at++];
     if (c == '"') return at;
-    if (static_cast<unsigned char>(c) < 0x20) return std::string_view::npos;
-    if (c != '\\') {
-      out += c;
-      continue;
-    }
+    if (c != '\\') return std::string_view::npos;  // a control character
     if (at >= s.size()) break;
     switch (const char e = s[at++]) {
       case '"': case '\\': case '/': out += e; break;
@@ -109,11 +112,13 @@ std::optional<std::optional<Tag>> parse_flat(std::string_view s) {
     if (at >= s.size() || s[at] != ':') return std::nullopt;
     at = skip_blanks(s, at + 1);
     if (at >= s.size()) return std::nullopt;
-    std::optional<std::string> str;
+    // A string value is read into `text`, which the field it belongs to then
+    // takes over: one allocation per kept string.
+    bool str = false;
     std::optional<std::int64_t> num;
     if (s[at] == '"') {
       if ((at = read_string(s, at + 1, text)) == std::string_view::npos) return std::nullopt;
-      str = text;
+      str = true;
     } else if (s[at] == '-' || (s[at] >= '0' && s[at] <= '9')) {
       std::int64_t v = 0;
       const auto [end, ec] = std::from_chars(s.data() + at, s.data() + s.size(), v);
@@ -130,20 +135,23 @@ std::optional<std::optional<Tag>> parse_flat(std::string_view s) {
       at += s[at] == 'f' ? 5 : 4;
     }
     // Later members win, as in the full parser.
-    const auto take = [&](std::optional<std::string>& field) { field = str; };
+    const auto value = [&] { return str ? std::move(text) : std::string(); };
+    const auto take = [&](std::optional<std::string>& field) {
+      field = str ? std::optional<std::string>(std::move(text)) : std::nullopt;
+    };
     if (key == "_type") {
-      is_tag = str == "tag";
+      is_tag = str && text == "tag";
     } else if (key == "name") {
-      has_name = str.has_value();
-      tag.name = str.value_or("");
+      has_name = str;
+      tag.name = value();
     } else if (key == "path") {
-      has_path = str.has_value();
-      tag.path = str.value_or("");
+      has_path = str;
+      tag.path = value();
     } else if (key == "line") {
       has_line = num.has_value();
       tag.line = num.value_or(0);
     } else if (key == "kind") {
-      tag.kind = str.value_or("");
+      tag.kind = value();
     } else if (key == "end") {
       tag.end_line = num;
     } else if (key == "signature") {
@@ -153,7 +161,7 @@ std::optional<std::optional<Tag>> parse_flat(std::string_view s) {
     } else if (key == "scopeKind") {
       take(tag.scope_kind);
     } else if (key == "roles") {
-      tag.roles = str.value_or("");
+      tag.roles = value();
     } else if (key == "nameref") {
       take(tag.nameref);
     }
