@@ -355,8 +355,8 @@ py::list row_list(std::vector<Row>&& rows) {
 void bind_row(py::module_& m) {
   row_type = reinterpret_cast<PyTypeObject*>(PyType_FromSpec(&row_spec));
   if (row_type == nullptr) throw py::error_already_set();
-  // Made by this module, not by the interpreter's import of it: the spec's
-  // name gives the module, the attribute the lookup.
+  // Made by this module, not by the interpreter's import of it: the dotted
+  // type name gives the module, the attribute the lookup.
   m.add_object("Row", reinterpret_cast<PyObject*>(row_type));
 }
 

@@ -1,11 +1,11 @@
 // Connection and query routing: reader settings, statement classification,
 // the handle's lifecycle, transactions and writes, and the query router.
-#include <cstring>
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
+#include <cstring>
 
 #include <sys/stat.h>
 #include <unistd.h>

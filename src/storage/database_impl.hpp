@@ -79,6 +79,8 @@ bool _has_code_chunks(Cursor& cursor, std::string_view schema = "main");
 bool _empty_code_chunks(Cursor& cursor);
 
 // Whether two directories are on one volume; unknown counts as one.
+// The integer a "PRAGMA name" answers on `connection`.
+std::int64_t pragma_int(Connection& connection, const std::string& name);
 bool _same_volume(const std::filesystem::path& first, const std::filesystem::path& second);
 // Why the disk cannot hold a VACUUM of `used_bytes` of data, or none.
 // Raises OSError when a free-space query fails.

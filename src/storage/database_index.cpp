@@ -102,47 +102,47 @@ void detach_leftover_staging(Connection& conn) {
   }
 }
 
-// Row-by-row foreign key enforcement makes the copy several times slower:
-// every copied row looks up its parents, every parent row looks for children
-// already in place, and no deletion may simply truncate its table. When no
-// table outside the index tables refers to them, the swap turns enforcement
-// off on the writer connection (it holds the lock, so no other statement runs
-// there) and checks every copied key once, inside the transaction, before the
-// commit: a staging file with a dangling reference still fails the swap and
-// changes nothing. Where another table refers to the index tables, its
-// cascades must run, and the swap keeps enforcement on.
-class KeysCheckedOnce {
+// What the swap changes on the writer connection for the copy, and gives
+// back after it, whatever happened. It holds the lock, so no other statement
+// runs there meanwhile.
+//
+// Foreign keys: row-by-row enforcement makes the copy several times slower
+// (every copied row looks up its parents, every parent row looks for children
+// already in place, and no deletion may simply truncate its table). When no
+// table outside the index tables refers to them, enforcement is off for the
+// copy and every copied key is checked once, inside the transaction, before
+// the commit: a staging file with a dangling reference still fails the swap
+// and changes nothing. Where another table refers to the index tables, its
+// cascades must run, and enforcement stays on.
+//
+// Cache: the copy rewrites every page of the index tables and their indexes,
+// whose rows arrive in another order than each index's; with SQLite's
+// default cache of 2 MiB most index pages would be written out and read back
+// many times over.
+class SwapSettings {
  public:
-  explicit KeysCheckedOnce(Connection& conn) : conn_(conn) {
-    // Inside a transaction the pragma would be ignored.
-    if (sqlite3_get_autocommit(conn.handle()) == 0) return;
-    if (conn.execute("PRAGMA foreign_keys").fetchone().value()[0].as_int() == 0) return;
-    std::string tables;
-    for (const char* table : insert_tables) tables += std::string(tables.empty() ? "'" : ", '") + table + "'";
-    const bool referred_from_outside =
-        conn.execute("SELECT 1 FROM main.sqlite_master AS m, pragma_foreign_key_list(m.name, 'main') AS k "
-                     "WHERE m.type = 'table' AND lower(m.name) NOT IN (" + tables + ") AND lower(k.\"table\") IN (" +
-                     tables + ") LIMIT 1")
-            .fetchone()
-            .has_value();
-    if (referred_from_outside) return;
-    conn.execute("PRAGMA foreign_keys=OFF");
-    active_ = true;
-  }
-  ~KeysCheckedOnce() {
-    if (!active_) return;
+  static constexpr std::int64_t kCacheKiB = 65536;
+
+  explicit SwapSettings(Connection& conn) : conn_(conn), cache_size_(pragma_int(conn, "cache_size")) {
+    const bool keys_off = may_check_keys_once(conn);
     try {
-      conn_.execute("PRAGMA foreign_keys=ON");
+      if (keys_off) {
+        conn.execute("PRAGMA foreign_keys=OFF");
+        keys_checked_once_ = true;
+      }
+      conn.execute("PRAGMA cache_size=-" + std::to_string(kCacheKiB));
     } catch (...) {
-      log_swallowed("turning foreign key enforcement back on after a swap");
+      restore();
+      throw;
     }
   }
-  KeysCheckedOnce(const KeysCheckedOnce&) = delete;
-  KeysCheckedOnce& operator=(const KeysCheckedOnce&) = delete;
+  ~SwapSettings() { restore(); }
+  SwapSettings(const SwapSettings&) = delete;
+  SwapSettings& operator=(const SwapSettings&) = delete;
 
   // The error that enforcement would have raised at the copy.
-  void check(Cursor& cursor) const {
-    if (!active_) return;
+  void check_keys(Cursor& cursor) const {
+    if (!keys_checked_once_) return;
     for (const char* table : insert_tables) {
       cursor.execute(std::string("PRAGMA main.foreign_key_check(") + table + ")");
       if (!cursor.fetchall().empty()) throw Error("FOREIGN KEY constraint failed", SQLITE_CONSTRAINT_FOREIGNKEY);
@@ -150,36 +150,31 @@ class KeysCheckedOnce {
   }
 
  private:
-  Connection& conn_;
-  bool active_ = false;
-};
-
-// The copy rewrites every page of the index tables and their indexes, whose
-// rows arrive in another order than each index's: with SQLite's default
-// cache of 2 MiB most index pages are written out and read back many times
-// over. The swap gives the writer connection a larger cache for its
-// duration, which SQLite shrinks back afterwards.
-constexpr std::int64_t kSwapCacheKiB = 65536;
-
-class SwapCache {
- public:
-  explicit SwapCache(Connection& conn) : conn_(conn) {
-    previous_ = conn.execute("PRAGMA cache_size").fetchone().value()[0].as_int();
-    conn.execute("PRAGMA cache_size=-" + std::to_string(kSwapCacheKiB));
+  static bool may_check_keys_once(Connection& conn) {
+    // Inside a transaction the foreign_keys pragma would be ignored.
+    if (sqlite3_get_autocommit(conn.handle()) == 0 || pragma_int(conn, "foreign_keys") == 0) return false;
+    std::string tables;
+    for (const char* table : insert_tables) tables += std::string(tables.empty() ? "'" : ", '") + table + "'";
+    return !conn.execute("SELECT 1 FROM main.sqlite_master AS m, pragma_foreign_key_list(m.name, 'main') AS k "
+                         "WHERE m.type = 'table' AND lower(m.name) NOT IN (" + tables +
+                         ") AND lower(k.\"table\") IN (" + tables + ") LIMIT 1")
+                .fetchone()
+                .has_value();
   }
-  ~SwapCache() {
-    try {
-      conn_.execute("PRAGMA cache_size=" + std::to_string(previous_));
-    } catch (...) {
-      log_swallowed("giving the writer connection its cache size back after a swap");
+  void restore() noexcept {
+    for (const std::string& sql : {std::string(keys_checked_once_ ? "PRAGMA foreign_keys=ON" : ""),
+                                   "PRAGMA cache_size=" + std::to_string(cache_size_)}) {
+      try {
+        if (!sql.empty()) conn_.execute(sql);
+      } catch (...) {
+        log_swallowed("giving the writer connection its settings back after a swap");
+      }
     }
   }
-  SwapCache(const SwapCache&) = delete;
-  SwapCache& operator=(const SwapCache&) = delete;
 
- private:
   Connection& conn_;
-  std::int64_t previous_ = 0;
+  const std::int64_t cache_size_;
+  bool keys_checked_once_ = false;
 };
 
 }  // namespace
@@ -280,11 +275,10 @@ RowCounts DatabaseImpl::swap_index_from(const std::filesystem::path& staging_pat
           // holds only the emptying, the copies and the generation bump.
           std::vector<std::pair<const char*, std::string>> col_lists;
           for (const char* table : insert_tables) col_lists.emplace_back(table, column_list(*conn, table));
-          const KeysCheckedOnce keys(*conn);
-          const SwapCache cache(*conn);
+          const SwapSettings settings(*conn);
           _transaction([&](Cursor& cursor) {
             _copy_staging(cursor, col_lists, row_counts);
-            keys.check(cursor);
+            settings.check_keys(cursor);
           });
         },
         detach);

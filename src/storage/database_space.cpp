@@ -31,13 +31,6 @@ double seconds_since(Clock::time_point started) {
   return std::chrono::duration<double>(Clock::now() - started).count();
 }
 
-std::int64_t pragma_int(Connection& connection, const std::string& name) {
-  auto cursor = connection.execute("PRAGMA " + name);
-  auto row = cursor.fetchone();
-  cursor.close();
-  if (!row) throw Error("PRAGMA " + name + " returned no row");
-  return (*row)[0].as_int();
-}
 
 bool usable_directory(const char* dir) {
   if (dir == nullptr || *dir == '\0') return false;
@@ -65,6 +58,14 @@ std::filesystem::path sqlite_temp_dir() {
 std::int64_t size_on_disk(const std::filesystem::path& path) { return platform::file_status(path).size; }
 
 }  // namespace
+
+std::int64_t pragma_int(Connection& connection, const std::string& name) {
+  auto cursor = connection.execute("PRAGMA " + name);
+  auto row = cursor.fetchone();
+  cursor.close();
+  if (!row) throw Error("PRAGMA " + name + " returned no row");
+  return (*row)[0].as_int();
+}
 
 // ------------------------------------------------------------------ measurement
 
