@@ -25,6 +25,10 @@ struct Statement {
   std::string sql;
   std::unique_ptr<sqlite3_stmt, FinalizeStmt> stmt;  // null for an empty statement
   std::shared_ptr<const std::vector<std::string>> names;
+  // The connection's own mutex, null when it runs without one: taken around
+  // each step and row read, and not even called for when absent.
+  sqlite3_mutex* mutex = nullptr;
+  int parameters = 0;    // sqlite3_bind_parameter_count, fixed by the text
   bool readonly = true;  // sqlite3_stmt_readonly
   bool dml = false;      // INSERT/UPDATE/DELETE/REPLACE: rowcount applies
   // Under the owner's mutex: whether a cursor has it now, and, when cached,
@@ -152,8 +156,7 @@ int bind_one(sqlite3_stmt* stmt, int index, const Param& p, Hold hold) {
 
 // Each of the statement's placeholders takes the value of its name; names the
 // statement does not use are ignored, as a mapping may hold more.
-void bind_named(sqlite3_stmt* stmt, ParamsRef params, Hold hold) {
-  const int expected = sqlite3_bind_parameter_count(stmt);
+void bind_named(sqlite3_stmt* stmt, int expected, ParamsRef params, Hold hold) {
   for (int i = 1; i <= expected; ++i) {
     const char* placeholder = sqlite3_bind_parameter_name(stmt, i);
     if (placeholder == nullptr) {
@@ -170,9 +173,10 @@ void bind_named(sqlite3_stmt* stmt, ParamsRef params, Hold hold) {
   }
 }
 
-void bind_all(sqlite3_stmt* stmt, ParamsRef params, Hold hold) {
-  if (params.named()) return bind_named(stmt, params, hold);
-  const int expected = sqlite3_bind_parameter_count(stmt);
+void bind_all(const detail::Statement& statement, ParamsRef params, Hold hold) {
+  sqlite3_stmt* stmt = statement.stmt.get();
+  const int expected = statement.parameters;
+  if (params.named()) return bind_named(stmt, expected, params, hold);
   if (static_cast<int>(params.size()) != expected) {
     raise_error(SQLITE_RANGE, "Incorrect number of bindings supplied. The current statement uses " +
                                   std::to_string(expected) + ", and there are " + std::to_string(params.size()) +
@@ -190,8 +194,13 @@ void bind_all(sqlite3_stmt* stmt, ParamsRef params, Hold hold) {
 // when other threads use the connection.
 class DbMutex {
  public:
-  explicit DbMutex(sqlite3* db) : m_(db ? sqlite3_db_mutex(db) : nullptr) { sqlite3_mutex_enter(m_); }
-  ~DbMutex() { sqlite3_mutex_leave(m_); }
+  explicit DbMutex(sqlite3* db) : DbMutex(db ? sqlite3_db_mutex(db) : nullptr) {}
+  explicit DbMutex(sqlite3_mutex* m) : m_(m) {
+    if (m_) sqlite3_mutex_enter(m_);
+  }
+  ~DbMutex() {
+    if (m_) sqlite3_mutex_leave(m_);
+  }
   DbMutex(const DbMutex&) = delete;
   DbMutex& operator=(const DbMutex&) = delete;
 
@@ -243,19 +252,22 @@ std::string uri_escaped(const std::string& path) {
 // One step of `st`: true on a row, false (and reset, so that a finished read
 // ends its read transaction) when done; raises SQLite's error otherwise.
 // `first`: the first step after binding.
-bool step_statement(sqlite3_stmt* st, bool first) {
+bool step_statement(detail::Statement& statement, bool first) {
+  sqlite3_stmt* st = statement.stmt.get();
   int rc;
   {
-    sqlite3* db = sqlite3_db_handle(st);
-    DbMutex guard(db);
+    DbMutex guard(statement.mutex);
     rc = sqlite3_step(st);
-    // A cached statement is prepared again inside its first step after a
-    // schema change, where it can lose the same race as a fresh prepare.
-    for (int attempt = 1; first && attempt < kSchemaRaceAttempts && lost_schema_race(db, rc); ++attempt) {
-      sqlite3_reset(st);
-      rc = sqlite3_step(st);
+    if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
+      // A cached statement is prepared again inside its first step after a
+      // schema change, where it can lose the same race as a fresh prepare.
+      sqlite3* db = sqlite3_db_handle(st);
+      for (int attempt = 1; first && attempt < kSchemaRaceAttempts && lost_schema_race(db, rc); ++attempt) {
+        sqlite3_reset(st);
+        rc = sqlite3_step(st);
+      }
+      if (rc != SQLITE_ROW && rc != SQLITE_DONE) raise_step_error(st, rc);
     }
-    if (rc != SQLITE_ROW && rc != SQLITE_DONE) raise_step_error(st, rc);
   }
   if (rc == SQLITE_ROW) return true;
   sqlite3_reset(st);
@@ -268,7 +280,7 @@ Row read_row(detail::Statement& statement) {
   // One hold of the connection's mutex for the whole row (a no-op on a read
   // connection), instead of one per column call: the values read below are
   // SQLite's unprotected ones, safe while it is held.
-  DbMutex guard(sqlite3_db_handle(st));
+  DbMutex guard(statement.mutex);
   const int n = sqlite3_column_count(st);
   if (static_cast<std::size_t>(n) != statement.names->size()) {
     // The statement was recompiled after a schema change and its shape moved.
@@ -360,10 +372,8 @@ Param::Param(const Value& v) noexcept {
   }
 }
 
-std::int64_t Value::as_int() const {
+std::int64_t Value::converted_int() const {
   switch (type()) {
-    case Type::Integer:
-      return std::get<std::int64_t>(v_);
     case Type::Real:
       return static_cast<std::int64_t>(std::get<double>(v_));
     case Type::Text: {
@@ -376,22 +386,19 @@ std::int64_t Value::as_int() const {
     default:
       break;
   }
-  throw Error("value is not an integer: " + to_text());
+  raise_not("an integer");
 }
 
 double Value::as_double() const {
   if (type() == Type::Real) return std::get<double>(v_);
   if (type() == Type::Integer) return static_cast<double>(std::get<std::int64_t>(v_));
-  throw Error("value is not a number: " + to_text());
+  raise_not("a number");
 }
 
-const std::string& Value::as_text() const {
-  if (type() != Type::Text) throw Error("value is not text: " + to_text());
-  return std::get<std::string>(v_);
-}
+void Value::raise_not(const char* what) const { throw Error(std::string("value is not ") + what + ": " + to_text()); }
 
 const Bytes& Value::as_blob() const {
-  if (type() != Type::Blob) throw Error("value is not a blob: " + to_text());
+  if (type() != Type::Blob) raise_not("a blob");
   return std::get<Bytes>(v_);
 }
 
@@ -419,10 +426,7 @@ std::string Value::to_text() const {
 
 // ---------------------------------------------------------------- Row
 
-const Value& Row::operator[](std::size_t index) const {
-  if (index >= values_.size()) throw std::out_of_range("row has no column " + std::to_string(index));
-  return values_[index];
-}
+void Row::raise_no_column(std::size_t index) { throw std::out_of_range("row has no column " + std::to_string(index)); }
 
 const Value& Row::operator[](std::string_view name) const {
   const auto& names = *names_;
@@ -554,6 +558,8 @@ detail::StatementLease Connection::acquire(std::string_view sql) {
       names->emplace_back(name ? name : "");
     }
     s->readonly = sqlite3_stmt_readonly(st) != 0;
+    s->parameters = sqlite3_bind_parameter_count(st);
+    s->mutex = sqlite3_db_mutex(db);
     s->dml = !s->readonly && is_dml(s->sql);
   }
   s->names = std::move(names);
@@ -625,8 +631,8 @@ std::optional<Row> Connection::fetchone(std::string_view sql, ParamsRef params) 
     return execute(sql, params).fetchone();
   }
   // Its one step happens here: the parameters outlive it.
-  bind_all(statement->stmt.get(), params, Hold::borrowed);
-  if (!step_statement(statement->stmt.get(), true)) return std::nullopt;
+  bind_all(*statement, params, Hold::borrowed);
+  if (!step_statement(*statement, true)) return std::nullopt;
   return read_row(*statement);  // the lease's end resets the statement
 }
 
@@ -663,7 +669,7 @@ void Cursor::check_open() const {
 }
 
 bool Cursor::step_row(bool first) {
-  if (step_statement(stmt_->stmt.get(), first)) return true;
+  if (step_statement(*stmt_, first)) return true;
   done_ = true;
   return false;
 }
@@ -691,9 +697,8 @@ Cursor& Cursor::execute(std::string_view sql, ParamsRef params) {
   start(sql);
   if (!stmt_->stmt) return *this;  // empty statement: no rows
   // A query is stepped after this returns, a write only here.
-  bind_all(stmt_->stmt.get(), params, stmt_->readonly ? Hold::copied : Hold::borrowed);
+  bind_all(*stmt_, params, stmt_->readonly ? Hold::copied : Hold::borrowed);
   done_ = false;
-  sqlite3* db = sqlite3_db_handle(stmt_->stmt.get());
   if (stmt_->readonly) {
     has_pending_ = step_row(true);
     return *this;
@@ -701,7 +706,8 @@ Cursor& Cursor::execute(std::string_view sql, ParamsRef params) {
   // A write runs to completion here so that it is done (and committed, in
   // autocommit mode) before the caller's lock is released.
   {
-    DbMutex guard(db);
+    sqlite3* db = sqlite3_db_handle(stmt_->stmt.get());
+    DbMutex guard(stmt_->mutex);
     for (bool row = step_row(true); row; row = step_row()) buffered_.push_back(current_row());
     if (stmt_->dml) rowcount_ = sqlite3_changes64(db);
   }
@@ -721,9 +727,9 @@ Cursor& Cursor::execute_each(std::string_view sql, std::span<const ParamsRef> pa
   std::int64_t total = 0;
   for (const auto& params : params_list) {
     sqlite3_reset(stmt_->stmt.get());
-    bind_all(stmt_->stmt.get(), params, Hold::borrowed);
+    bind_all(*stmt_, params, Hold::borrowed);
     done_ = false;
-    DbMutex guard(db);
+    DbMutex guard(stmt_->mutex);
     for (bool row = step_row(true); row; row = step_row()) {
     }
     if (stmt_->dml) total += sqlite3_changes64(db);
@@ -738,8 +744,7 @@ std::optional<Row> Cursor::fetchone() {
   if (!stmt_ || done_) return std::nullopt;
   if (has_pending_) {
     has_pending_ = false;
-    Row r = current_row();
-    return r;
+    return current_row();
   }
   if (step_row()) return current_row();
   return std::nullopt;

@@ -58,11 +58,17 @@ class Value {
 
   // Integer value; a real is truncated, a text is parsed as a decimal integer.
   // Raises Error for null, blob and non-numeric text.
-  std::int64_t as_int() const;
+  std::int64_t as_int() const {
+    if (const auto* i = std::get_if<std::int64_t>(&v_)) return *i;
+    return converted_int();
+  }
   // Real value; an integer is widened. Raises Error for null, text and blob.
   double as_double() const;
   // The text of a text value. Raises Error for any other type.
-  const std::string& as_text() const;
+  const std::string& as_text() const {
+    if (const auto* t = std::get_if<std::string>(&v_)) return *t;
+    raise_not("text");
+  }
   const Bytes& as_blob() const;
   // The value converted to text whatever its type: integers in decimal, reals
   // in their shortest round-trip form, blobs as their bytes, null as "NULL".
@@ -72,6 +78,8 @@ class Value {
 
  private:
   friend class Param;
+  std::int64_t converted_int() const;
+  [[noreturn]] void raise_not(const char* what) const;
   std::variant<std::monostate, std::int64_t, double, std::string, Bytes> v_;
 };
 
@@ -157,7 +165,10 @@ class Row {
 
   std::size_t size() const noexcept { return values_.size(); }
   // Raises std::out_of_range past the last column.
-  const Value& operator[](std::size_t index) const;
+  const Value& operator[](std::size_t index) const {
+    if (index >= values_.size()) raise_no_column(index);
+    return values_[index];
+  }
   // The first column of that name, compared without regard to ASCII case;
   // raises std::out_of_range for an unknown name.
   const Value& operator[](std::string_view name) const;
@@ -165,6 +176,7 @@ class Row {
   const std::vector<Value>& values() const noexcept { return values_; }
 
  private:
+  [[noreturn]] static void raise_no_column(std::size_t index);
   std::shared_ptr<const std::vector<std::string>> names_;
   std::vector<Value> values_;
 };
