@@ -45,14 +45,27 @@ bool can_link_descriptors() {
 // so a file swapped for a link after the check is still not what ctags reads.
 class LinkFolder {
  public:
+  // In TMPDIR when it is set. Otherwise in memory where the system has a
+  // file system for it: a batch makes and removes a link per file, and on a
+  // disk each of those is a journaled update that costs several times more.
   LinkFolder() {
     const char* tmp = std::getenv("TMPDIR");
-    std::string base = tmp && *tmp && valid_utf8(tmp) ? tmp : "/tmp";
-    std::string templ = base + "/quorvi-ctags-XXXXXX";
-    if (!::mkdtemp(templ.data())) {
-      throw OSError("cannot make a folder for ctags in " + base + ": " + std::strerror(errno), errno, base);
+    std::vector<std::string> bases;
+    if (tmp && *tmp && valid_utf8(tmp)) {
+      bases = {tmp};
+    } else {
+      bases = {"/dev/shm", "/tmp"};
     }
-    dir_ = templ;
+    for (std::size_t i = 0; i < bases.size(); ++i) {
+      std::string templ = bases[i] + "/quorvi-ctags-XXXXXX";
+      if (::mkdtemp(templ.data())) {
+        dir_ = templ;
+        return;
+      }
+      if (i + 1 == bases.size()) {
+        throw OSError("cannot make a folder for ctags in " + bases[i] + ": " + std::strerror(errno), errno, bases[i]);
+      }
+    }
   }
   ~LinkFolder() {
     std::error_code ec;
@@ -155,11 +168,16 @@ void extract_batch(const fs::path& repo, int root, const WalkResult& walked, con
     parsed.emplace(p.link, p.record);
     names.push_back(p.link);
   }
+  // A file's tags come one after another: the last file found is asked first.
+  const std::pair<const std::string, std::size_t>* last = nullptr;
   auto collect = [&](Tag&& tag) {
-    auto it = parsed.find(tag.path);
-    if (it == parsed.end()) return;
+    if (!last || last->first != tag.path) {
+      auto it = parsed.find(tag.path);
+      if (it == parsed.end()) return;
+      last = &*it;
+    }
     tag.path = std::string();  // the record's path says it; the link's name would only take memory
-    batch.files[it->second].tags.push_back(std::move(tag));
+    batch.files[last->second].tags.push_back(std::move(tag));
   };
   std::string error;
   ++batch.ctags_runs;
@@ -180,9 +198,12 @@ void extract_batch(const fs::path& repo, int root, const WalkResult& walked, con
   }
   for (auto& record : batch.files) {
     record.imports = take_imports(record.tags);
-    std::stable_sort(record.tags.begin(), record.tags.end(), [](const Tag& a, const Tag& b) {
-      return a.line != b.line ? a.line < b.line : a.name < b.name;
-    });
+    // ctags mostly reports a file's tags in order already, and a check is
+    // cheaper than a sort that moves every tag.
+    const auto by_line = [](const Tag& a, const Tag& b) { return a.line != b.line ? a.line < b.line : a.name < b.name; };
+    if (!std::is_sorted(record.tags.begin(), record.tags.end(), by_line)) {
+      std::stable_sort(record.tags.begin(), record.tags.end(), by_line);
+    }
   }
 }
 

@@ -73,8 +73,8 @@ struct SourceText {
 SourceText read_source(int root, std::string_view rel, std::int64_t max_bytes = DEFAULT_MAX_FILE_BYTES,
                        bool keep_open = false);
 
-// FNV-1a, 64 bits, as 16 hex digits: the content hash stored per file, cheap
-// enough to compute for every file of a large tree.
+// A 64-bit hash of the text as 16 hex digits: the content hash stored per
+// file, at memory speed, so cheap enough for every file of a large tree.
 std::string content_hash(std::string_view text);
 
 // Lines in `text`: a last line without a newline counts; "" has 0.

@@ -315,19 +315,24 @@ class RowGenerator {
     // Qualified name within the file -> symbol id, for nesting. Only symbols
     // seen earlier can be parents, so every parent row precedes its children.
     std::unordered_map<std::string, std::int64_t> scopes;
+    scopes.reserve(f.tags.size());
     const std::string sep = scope_separator(f.language);
     static const std::string unknown_kind = "unknown";
+    // "path::qualified name", built in one buffer that every tag reuses.
+    std::string fqn = f.path + "::";
+    const auto prefix = fqn.size();
     for (const auto& tag : f.tags) {
       const auto id = ++symbol_id_;
       std::int64_t parent = anchor;
-      std::string qualified = tag.name;
+      fqn.resize(prefix);
       if (tag.scope && !tag.scope->empty()) {
-        qualified = *tag.scope + sep + tag.name;
+        fqn.append(*tag.scope).append(sep);
         if (auto it = scopes.find(*tag.scope); it != scopes.end()) parent = it->second;
       }
-      rows_.symbol(id, file_id, tag.name, f.path + "::" + qualified, tag.kind.empty() ? unknown_kind : tag.kind,
-                   tag.line, tag.end_line.value_or(tag.line), parent, tag.signature);
-      scopes.emplace(std::move(qualified), id);
+      fqn.append(tag.name);
+      rows_.symbol(id, file_id, tag.name, fqn, tag.kind.empty() ? unknown_kind : tag.kind, tag.line,
+                   tag.end_line.value_or(tag.line), parent, tag.signature);
+      scopes.emplace(fqn.substr(prefix), id);
     }
     counts_.symbols += static_cast<std::int64_t>(f.tags.size());
 
