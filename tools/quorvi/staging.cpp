@@ -5,10 +5,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <span>
 #include <stdexcept>
 #include <unordered_map>
 #include <utility>
@@ -289,6 +291,7 @@ class RowGenerator {
   }
 
   StagingCounts finish() {
+    rows_.flush();
     const auto edge = [&](const std::string& path, const std::string& language, const Import& in) {
       if (auto target = resolver_.resolve(path, language, in)) {
         rows_.edge(++counts_.edges, resolver_.anchor(path), *target, includes(language) ? "includes" : "imports",
@@ -420,7 +423,7 @@ class CursorRows : public StagingRows {
         imports_(conn.cursor()), edges_(conn.cursor()), errors_(conn.cursor()), copy_(conn.cursor()) {}
   ~CursorRows() override { close(); }
   void close() {
-    for (Cursor* c : {&components_, &files_, &symbols_, &chunks_, &imports_, &edges_, &errors_, &copy_}) c->close();
+    for (Cursor* c : {&components_, &files_, &symbols_, &chunks_, &imports_, &edges_, &errors_, &copy_, &symbol_batches_}) c->close();
   }
   void component(std::int64_t id, const std::string& name) override {
     components_.execute("INSERT INTO components (id, name, root_path) VALUES (?, ?, ?)", {id, name, name});
@@ -432,10 +435,27 @@ class CursorRows : public StagingRows {
         "VALUES (?, ?, ?, ?, ?, ?, ?, 0)",
         {id, f.path, f.language, hash, f.size, mtime, component_id});
   }
+  // Symbols go in kSymbolBatch to a statement, which halves SQLite's work per
+  // row; the batch keeps copies of the strings in buffers that keep their
+  // room, so that filling it allocates nothing once it has run a while.
   void symbol(std::int64_t id, std::int64_t file_id, const std::string& name, const std::string& fqn,
               const std::string& kind, std::int64_t start_line, std::int64_t end_line,
               std::optional<std::int64_t> parent_id, const std::optional<std::string>& signature) override {
-    symbols_.execute(SYMBOL_SQL, {id, file_id, name, fqn, kind, start_line, end_line, parent_id, signature});
+    auto& p = pending_[pending_count_++];
+    p.id = id;
+    p.file_id = file_id;
+    p.name.assign(name);
+    p.fqn.assign(fqn);
+    p.kind.assign(kind);
+    p.start_line = start_line;
+    p.end_line = end_line;
+    p.parent_id = parent_id;
+    p.has_signature = signature.has_value();
+    if (signature) p.signature.assign(*signature);
+    if (pending_count_ == kSymbolBatch) write_symbols();
+  }
+  void flush() override {
+    if (pending_count_ > 0) write_symbols();
   }
   void chunk(std::int64_t rowid, std::string_view text, std::int64_t start_line, std::int64_t end_line) override {
     chunks_.execute(CHUNK_SQL, {rowid, text, start_line, end_line});
@@ -461,6 +481,7 @@ class CursorRows : public StagingRows {
                        std::int64_t first_symbol_id) override {
     namespace layout = storage::core_schema;
     CopiedFile out;
+    flush();
     copy_.execute("INSERT INTO temp.symbol_map (old, new) SELECT id, ? + row_number() OVER (ORDER BY id) - 1 "
                   "FROM live.symbols WHERE file_id = ?",
                   {first_symbol_id, live_id});
@@ -512,7 +533,51 @@ class CursorRows : public StagingRows {
   }
 
  private:
+  static constexpr std::size_t kSymbolBatch = 16;
+  static constexpr std::size_t kSymbolColumns = 9;
+  struct PendingSymbol {
+    std::int64_t id = 0, file_id = 0, start_line = 0, end_line = 0;
+    std::optional<std::int64_t> parent_id;
+    std::string name, fqn, kind, signature;
+    bool has_signature = false;
+  };
+
+  static std::string symbol_batch_sql() {
+    std::string sql = SYMBOL_SQL;
+    for (std::size_t i = 1; i < kSymbolBatch; ++i) sql += ", (?, ?, ?, ?, ?, ?, ?, ?, ?)";
+    return sql;
+  }
+
+  void write_symbols() {
+    std::array<storage::Param, kSymbolBatch * kSymbolColumns> params;
+    for (std::size_t i = 0; i < pending_count_; ++i) {
+      const auto& p = pending_[i];
+      storage::Param* row = params.data() + i * kSymbolColumns;
+      row[0] = p.id;
+      row[1] = p.file_id;
+      row[2] = p.name;
+      row[3] = p.fqn;
+      row[4] = p.kind;
+      row[5] = p.start_line;
+      row[6] = p.end_line;
+      row[7] = p.parent_id;
+      row[8] = p.has_signature ? storage::Param(p.signature) : storage::Param();
+    }
+    const auto count = std::exchange(pending_count_, 0);
+    if (count == kSymbolBatch) {
+      static const std::string batch_sql = symbol_batch_sql();
+      symbol_batches_.execute(batch_sql, std::span<const storage::Param>(params));
+      return;
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+      symbols_.execute(SYMBOL_SQL, std::span<const storage::Param>(params.data() + i * kSymbolColumns, kSymbolColumns));
+    }
+  }
+
   Cursor components_, files_, symbols_, chunks_, imports_, edges_, errors_, copy_;
+  Cursor symbol_batches_ = symbols_.connection().cursor();
+  std::array<PendingSymbol, kSymbolBatch> pending_;
+  std::size_t pending_count_ = 0;
 };
 
 }  // namespace

@@ -136,6 +136,9 @@ class StagingRows {
   // Raises std::logic_error where no live index is at hand.
   virtual CopiedFile copy_file(std::int64_t live_id, const std::string& path, std::int64_t file_id,
                                std::int64_t first_symbol_id);
+  // Writes what the rows above may still hold back; before any read of the
+  // file and before it is committed.
+  virtual void flush() {}
   // Whether read_imports can hand back the import rows written, which then
   // need not be kept in memory until the edges are made.
   virtual bool reads_back() const { return false; }

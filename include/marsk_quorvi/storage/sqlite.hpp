@@ -126,7 +126,7 @@ class Param {
 
 // The parameters of one call, borrowed for its duration: a Params vector, a
 // braced list (`{id, path}`), which then copies and allocates nothing, or any
-// array of values. With `names`, value i binds the placeholder `:name`,
+// array of values or of parameters. With `names`, value i binds the placeholder `:name`,
 // `@name` or `$name` whose name (without its sign) is names[i]; a statement's
 // placeholder that no name matches raises Error.
 class ParamsRef {
@@ -135,6 +135,7 @@ class ParamsRef {
   ParamsRef(const Params& params) noexcept : values_(params.data()), size_(params.size()) {}
   ParamsRef(const Value* data, std::size_t size, const std::string_view* names = nullptr) noexcept
       : values_(data), names_(names), size_(size) {}
+  ParamsRef(std::span<const Param> params) noexcept : params_(params.data()), size_(params.size()) {}
   // The list's array, and any temporary it views, live to the end of the
   // caller's full expression, which is as long as a parameter is used.
 #if defined(__GNUC__) && !defined(__clang__)
