@@ -15,6 +15,8 @@ namespace marsk_quorvi::cli {
 
 namespace {
 
+using namespace std::literals;
+
 std::optional<std::string> text_member(const nlohmann::json& j, const char* key) {
   auto it = j.find(key);
   if (it == j.end() || !it->is_string()) return std::nullopt;
@@ -139,30 +141,32 @@ std::optional<std::optional<Tag>> parse_flat(std::string_view s) {
     const auto take = [&](std::optional<std::string>& field) {
       field = str ? std::optional<std::string>(std::move(text)) : std::nullopt;
     };
-    if (key == "_type") {
-      is_tag = str && text == "tag";
-    } else if (key == "name") {
+    // Keys are told apart by their length before their bytes.
+    const std::string_view k = key;
+    if (k == "_type"sv) {
+      is_tag = str && std::string_view(text) == "tag"sv;
+    } else if (k == "name"sv) {
       has_name = str;
       tag.name = value();
-    } else if (key == "path") {
+    } else if (k == "path"sv) {
       has_path = str;
       tag.path = value();
-    } else if (key == "line") {
+    } else if (k == "line"sv) {
       has_line = num.has_value();
       tag.line = num.value_or(0);
-    } else if (key == "kind") {
+    } else if (k == "kind"sv) {
       tag.kind = value();
-    } else if (key == "end") {
+    } else if (k == "end"sv) {
       tag.end_line = num;
-    } else if (key == "signature") {
+    } else if (k == "signature"sv) {
       take(tag.signature);
-    } else if (key == "scope") {
+    } else if (k == "scope"sv) {
       take(tag.scope);
-    } else if (key == "scopeKind") {
+    } else if (k == "scopeKind"sv) {
       take(tag.scope_kind);
-    } else if (key == "roles") {
+    } else if (k == "roles"sv) {
       tag.roles = value();
-    } else if (key == "nameref") {
+    } else if (k == "nameref"sv) {
       take(tag.nameref);
     }
     at = skip_blanks(s, at);

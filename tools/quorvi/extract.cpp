@@ -177,7 +177,11 @@ void extract_batch(const fs::path& repo, int root, const WalkResult& walked, con
       last = &*it;
     }
     tag.path = std::string();  // the record's path says it; the link's name would only take memory
-    batch.files[last->second].tags.push_back(std::move(tag));
+    auto& record = batch.files[last->second];
+    // Room for about one tag per 128 bytes of text, what headers average, so
+    // that the list is seldom moved as it grows.
+    if (record.tags.empty()) record.tags.reserve(std::max<std::size_t>(16, record.text.size() / 128));
+    record.tags.push_back(std::move(tag));
   };
   std::string error;
   ++batch.ctags_runs;
