@@ -94,80 +94,103 @@ std::size_t skip_blanks(std::string_view s, std::size_t at) {
   return at;
 }
 
+// What the quick reader made of a line.
+enum class Flat { tag, other, unreadable };
+
+// Every field empty, keeping the buffers that a field holds.
+void clear(Tag& tag) {
+  tag.path.clear();
+  tag.name.clear();
+  tag.kind.clear();
+  tag.line = 0;
+  tag.end_line.reset();
+  tag.signature.reset();
+  tag.scope.reset();
+  tag.scope_kind.reset();
+  tag.roles.clear();
+  tag.nameref.reset();
+}
+
 // The flat objects ctags writes, read without building a document: strings,
-// integers, true, false and null values, ASCII only. None when the line
-// holds anything else, which the full parser then reads.
-std::optional<std::optional<Tag>> parse_flat(std::string_view s) {
+// integers, true, false and null values, ASCII only. Unreadable when the
+// line holds anything else, which the full parser then reads.
+Flat parse_flat(std::string_view s, Tag& tag) {
   if (std::any_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) >= 0x80; })) {
-    return std::nullopt;
+    return Flat::unreadable;
   }
-  Tag tag;
+  clear(tag);
   bool is_tag = false, has_name = false, has_path = false, has_line = false;
-  std::string key, text;
+  std::string key, other;
   std::size_t at = skip_blanks(s, 1), close = std::string_view::npos;
   if (at < s.size() && s[at] == '}') close = at;
   while (close == std::string_view::npos) {
     if (at >= s.size() || s[at] != '"' || (at = read_string(s, at + 1, key)) == std::string_view::npos) {
-      return std::nullopt;
+      return Flat::unreadable;
     }
     at = skip_blanks(s, at);
-    if (at >= s.size() || s[at] != ':') return std::nullopt;
+    if (at >= s.size() || s[at] != ':') return Flat::unreadable;
     at = skip_blanks(s, at + 1);
-    if (at >= s.size()) return std::nullopt;
-    // A string value is read into `text`, which the field it belongs to then
-    // takes over: one allocation per kept string.
+    if (at >= s.size()) return Flat::unreadable;
+    // A string value is read straight into the field of its key (keys are
+    // told apart by their length before their bytes), so that a field keeps
+    // its buffer from one line to the next; later members win, as in the
+    // full parser.
+    const std::string_view k = key;
+    std::string* field = &other;
+    std::optional<std::string>* optional = nullptr;
+    if (k == "name"sv) {
+      field = &tag.name;
+    } else if (k == "path"sv) {
+      field = &tag.path;
+    } else if (k == "kind"sv) {
+      field = &tag.kind;
+    } else if (k == "roles"sv) {
+      field = &tag.roles;
+    } else if (k == "signature"sv) {
+      optional = &tag.signature;
+    } else if (k == "scope"sv) {
+      optional = &tag.scope;
+    } else if (k == "scopeKind"sv) {
+      optional = &tag.scope_kind;
+    } else if (k == "nameref"sv) {
+      optional = &tag.nameref;
+    }
     bool str = false;
     std::optional<std::int64_t> num;
     if (s[at] == '"') {
-      if ((at = read_string(s, at + 1, text)) == std::string_view::npos) return std::nullopt;
+      if (optional) field = &optional->emplace();
+      if ((at = read_string(s, at + 1, *field)) == std::string_view::npos) return Flat::unreadable;
       str = true;
-    } else if (s[at] == '-' || (s[at] >= '0' && s[at] <= '9')) {
-      std::int64_t v = 0;
-      const auto [end, ec] = std::from_chars(s.data() + at, s.data() + s.size(), v);
-      const bool leading_zero = s.substr(at).starts_with("0") && end - (s.data() + at) > 1;
-      if (ec != std::errc() || leading_zero || (end < s.data() + s.size() && std::strchr(".eE", *end))) {
-        return std::nullopt;
-      }
-      at = static_cast<std::size_t>(end - s.data());
-      num = v;
     } else {
-      bool literal = false;
-      for (std::string_view word : {"true", "false", "null"}) literal = literal || s.substr(at).starts_with(word);
-      if (!literal) return std::nullopt;
-      at += s[at] == 'f' ? 5 : 4;
+      field->clear();
+      if (optional) optional->reset();
+      if (s[at] == '-' || (s[at] >= '0' && s[at] <= '9')) {
+        std::int64_t v = 0;
+        const auto [end, ec] = std::from_chars(s.data() + at, s.data() + s.size(), v);
+        const bool leading_zero = s.substr(at).starts_with("0") && end - (s.data() + at) > 1;
+        if (ec != std::errc() || leading_zero || (end < s.data() + s.size() && std::strchr(".eE", *end))) {
+          return Flat::unreadable;
+        }
+        at = static_cast<std::size_t>(end - s.data());
+        num = v;
+      } else {
+        bool literal = false;
+        for (std::string_view word : {"true", "false", "null"}) literal = literal || s.substr(at).starts_with(word);
+        if (!literal) return Flat::unreadable;
+        at += s[at] == 'f' ? 5 : 4;
+      }
     }
-    // Later members win, as in the full parser.
-    const auto value = [&] { return str ? std::move(text) : std::string(); };
-    const auto take = [&](std::optional<std::string>& field) {
-      field = str ? std::optional<std::string>(std::move(text)) : std::nullopt;
-    };
-    // Keys are told apart by their length before their bytes.
-    const std::string_view k = key;
     if (k == "_type"sv) {
-      is_tag = str && std::string_view(text) == "tag"sv;
+      is_tag = str && other == "tag"sv;
     } else if (k == "name"sv) {
       has_name = str;
-      tag.name = value();
     } else if (k == "path"sv) {
       has_path = str;
-      tag.path = value();
     } else if (k == "line"sv) {
       has_line = num.has_value();
       tag.line = num.value_or(0);
-    } else if (k == "kind"sv) {
-      tag.kind = value();
     } else if (k == "end"sv) {
       tag.end_line = num;
-    } else if (k == "signature"sv) {
-      take(tag.signature);
-    } else if (k == "scope"sv) {
-      take(tag.scope);
-    } else if (k == "scopeKind"sv) {
-      take(tag.scope_kind);
-    } else if (k == "roles"sv) {
-      tag.roles = value();
-    } else if (k == "nameref"sv) {
-      take(tag.nameref);
     }
     at = skip_blanks(s, at);
     if (at < s.size() && s[at] == ',') {
@@ -175,30 +198,28 @@ std::optional<std::optional<Tag>> parse_flat(std::string_view s) {
     } else if (at < s.size() && s[at] == '}') {
       close = at;
     } else {
-      return std::nullopt;
+      return Flat::unreadable;
     }
   }
-  if (skip_blanks(s, close + 1) != s.size()) return std::nullopt;
-  if (!is_tag || !has_name || !has_path || !has_line) return std::optional<Tag>();
-  return std::optional<Tag>(std::move(tag));
+  if (skip_blanks(s, close + 1) != s.size()) return Flat::unreadable;
+  return is_tag && has_name && has_path && has_line ? Flat::tag : Flat::other;
 }
 
 }  // namespace
 
-std::optional<Tag> parse_tag_line(std::string_view line) {
-  if (line.empty() || line.front() != '{') return std::nullopt;
+bool parse_tag_line(std::string_view line, Tag& tag) {
+  if (line.empty() || line.front() != '{') return false;
   // Every line of a run goes through here: the common case is read without
   // building a JSON document, the rest by the full parser.
-  if (auto flat = parse_flat(line)) return std::move(*flat);
+  if (const auto flat = parse_flat(line, tag); flat != Flat::unreadable) return flat == Flat::tag;
   auto j = nlohmann::json::parse(line, nullptr, /*allow_exceptions=*/false);
-  if (!j.is_object()) return std::nullopt;
+  if (!j.is_object()) return false;
   auto type = text_member(j, "_type");
-  if (!type || *type != "tag") return std::nullopt;
+  if (!type || *type != "tag") return false;
   auto name = text_member(j, "name");
   auto path = text_member(j, "path");
   auto line_no = int_member(j, "line");
-  if (!name || !path || !line_no) return std::nullopt;
-  Tag tag;
+  if (!name || !path || !line_no) return false;
   tag.path = std::move(*path);
   tag.name = std::move(*name);
   tag.kind = text_member(j, "kind").value_or("");
@@ -209,6 +230,12 @@ std::optional<Tag> parse_tag_line(std::string_view line) {
   tag.scope_kind = text_member(j, "scopeKind");
   tag.roles = text_member(j, "roles").value_or("");
   tag.nameref = text_member(j, "nameref");
+  return true;
+}
+
+std::optional<Tag> parse_tag_line(std::string_view line) {
+  Tag tag;
+  if (!parse_tag_line(line, tag)) return std::nullopt;
   return tag;
 }
 
@@ -272,8 +299,10 @@ bool Ctags::run(const std::vector<std::string>& files, const std::function<void(
   args.insert(args.begin(), {program_, kNoOptionFiles});
   const auto r = run_process(
       args,
-      [&](std::string_view line) {
-        if (auto tag = parse_tag_line(line)) on_tag(std::move(*tag));
+      // One tag, filled line after line: what on_tag leaves in it (the
+      // path, say) keeps its buffer for the next.
+      [&, tag = Tag()](std::string_view line) mutable {
+        if (parse_tag_line(line, tag)) on_tag(std::move(tag));
       },
       inherit);
   const auto text = complaints(r.err);

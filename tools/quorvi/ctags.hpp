@@ -34,6 +34,9 @@ struct Tag {
 // One line of `ctags --output-format=json`: a tag, or none for pseudo-tags,
 // blank lines and anything else that is not a tag.
 std::optional<Tag> parse_tag_line(std::string_view line);
+// The same into `tag`, whose fields keep their buffers where they can: true
+// for a tag; otherwise `tag` holds nothing of use.
+bool parse_tag_line(std::string_view line, Tag& tag);
 
 // A ctags release. It prints as people write it ("5.9.0") and converts to
 // the number recorded as the extractor version of every parsed language:

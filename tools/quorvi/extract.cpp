@@ -176,12 +176,15 @@ void extract_batch(const fs::path& repo, int root, const WalkResult& walked, con
       if (it == parsed.end()) return;
       last = &*it;
     }
-    tag.path = std::string();  // the record's path says it; the link's name would only take memory
     auto& record = batch.files[last->second];
     // Room for about one tag per 128 bytes of text, what headers average, so
     // that the list is seldom moved as it grows.
     if (record.tags.empty()) record.tags.reserve(std::max<std::size_t>(16, record.text.size() / 128));
+    // The record's path says which file; the link's name stays with the
+    // caller's tag, whose buffer the next line reuses.
+    std::string path = std::move(tag.path);
     record.tags.push_back(std::move(tag));
+    tag.path = std::move(path);
   };
   std::string error;
   ++batch.ctags_runs;
