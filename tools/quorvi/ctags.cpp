@@ -94,6 +94,12 @@ std::size_t skip_blanks(std::string_view s, std::size_t at) {
   return at;
 }
 
+// The string members of a tag line and the fields they fill.
+constexpr std::pair<std::string_view, std::string Tag::*> kTextMembers[] = {
+    {"name", &Tag::name}, {"path", &Tag::path}, {"kind", &Tag::kind}, {"roles", &Tag::roles}};
+constexpr std::pair<std::string_view, std::optional<std::string> Tag::*> kOptionalMembers[] = {
+    {"signature", &Tag::signature}, {"scope", &Tag::scope}, {"scopeKind", &Tag::scope_kind}, {"nameref", &Tag::nameref}};
+
 // What the quick reader made of a line.
 enum class Flat { tag, other, unreadable };
 
@@ -138,22 +144,11 @@ Flat parse_flat(std::string_view s, Tag& tag) {
     const std::string_view k = key;
     std::string* field = &other;
     std::optional<std::string>* optional = nullptr;
-    if (k == "name"sv) {
-      field = &tag.name;
-    } else if (k == "path"sv) {
-      field = &tag.path;
-    } else if (k == "kind"sv) {
-      field = &tag.kind;
-    } else if (k == "roles"sv) {
-      field = &tag.roles;
-    } else if (k == "signature"sv) {
-      optional = &tag.signature;
-    } else if (k == "scope"sv) {
-      optional = &tag.scope;
-    } else if (k == "scopeKind"sv) {
-      optional = &tag.scope_kind;
-    } else if (k == "nameref"sv) {
-      optional = &tag.nameref;
+    for (const auto& [name, member] : kTextMembers) {
+      if (k == name) field = &(tag.*member);
+    }
+    for (const auto& [name, member] : kOptionalMembers) {
+      if (k == name) optional = &(tag.*member);
     }
     bool str = false;
     std::optional<std::int64_t> num;
