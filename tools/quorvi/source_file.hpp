@@ -9,12 +9,12 @@
 namespace marsk_quorvi::cli {
 
 // The index_errors kinds this tool records.
-inline constexpr const char* IO_ERROR = "io_error";
-inline constexpr const char* BINARY_ERROR = "binary_file";
-inline constexpr const char* TOO_LARGE_ERROR = "file_too_large";
-inline constexpr const char* PARSE_ERROR = "parse_error";
+inline constexpr char IO_ERROR[] = "io_error";
+inline constexpr char BINARY_ERROR[] = "binary_file";
+inline constexpr char TOO_LARGE_ERROR[] = "file_too_large";
+inline constexpr char PARSE_ERROR[] = "parse_error";
 // A symbolic link whose target lies outside the repository: never read.
-inline constexpr const char* OUTSIDE_ERROR = "outside_repository";
+inline constexpr char OUTSIDE_ERROR[] = "outside_repository";
 
 // Files above this many bytes keep out of the index (generated code and
 // data dumps, mostly): 1 MiB.
