@@ -268,6 +268,16 @@ void bind_cursor(py::module_& m) {
       .def_property_readonly("closed", [](PyCursor& self) { return self.run([](Cursor& c) { return c.closed(); }); });
 }
 
+// `execute` of a connection or of the handle: the arguments read with the
+// GIL, the statement run without it, its cursor wrapped.
+template <class Execute>
+std::unique_ptr<PyCursor> execute_released(py::handle sql, py::handle parameters, Execute&& execute) {
+  const std::string_view text = sql_text(sql.ptr());
+  ParamsIn params(parameters.ptr());
+  NoGil nogil;
+  return wrap(execute(text, params.ref()));
+}
+
 void bind_connection(py::module_& m) {
   // The writer connection itself, for what the handle does not offer; it
   // takes no lock of the handle, as in C++.
@@ -275,10 +285,9 @@ void bind_connection(py::module_& m) {
       .def(
           "execute",
           [](Connection& self, py::handle sql, py::handle parameters) {
-            const std::string_view text = sql_text(sql.ptr());
-            ParamsIn params(parameters.ptr());
-            NoGil nogil;
-            return wrap(self.execute(text, params.ref()));
+            return execute_released(sql, parameters, [&](std::string_view text, ParamsRef params) {
+              return self.execute(text, params);
+            });
           },
           py::arg("sql"), py::arg("parameters") = py::tuple())
       .def("executescript", &Connection::executescript, py::arg("sql"), py::call_guard<py::gil_scoped_release>())
@@ -320,10 +329,9 @@ void bind_database(py::module_& m) {
       .def(
           "execute",
           [](PyDatabase& self, py::handle sql, py::handle parameters) {
-            const std::string_view text = sql_text(sql.ptr());
-            ParamsIn params(parameters.ptr());
-            NoGil nogil;
-            return wrap(self.db->execute(text, params.ref()));
+            return execute_released(sql, parameters, [&](std::string_view text, ParamsRef params) {
+              return self.db->execute(text, params);
+            });
           },
           py::arg("sql"), py::arg("parameters") = py::tuple())
       .def(

@@ -50,22 +50,17 @@ class LinkFolder {
   // disk each of those is a journaled update that costs several times more.
   LinkFolder() {
     const char* tmp = std::getenv("TMPDIR");
-    std::vector<std::string> bases;
-    if (tmp && *tmp && valid_utf8(tmp)) {
-      bases = {tmp};
-    } else {
-      bases = {"/dev/shm", "/tmp"};
-    }
-    for (std::size_t i = 0; i < bases.size(); ++i) {
-      std::string templ = bases[i] + "/quorvi-ctags-XXXXXX";
+    const std::vector<std::string> bases =
+        tmp && *tmp && valid_utf8(tmp) ? std::vector<std::string>{tmp} : std::vector<std::string>{"/dev/shm", "/tmp"};
+    for (const auto& base : bases) {
+      std::string templ = base + "/quorvi-ctags-XXXXXX";
       if (::mkdtemp(templ.data())) {
         dir_ = templ;
         return;
       }
-      if (i + 1 == bases.size()) {
-        throw OSError("cannot make a folder for ctags in " + bases[i] + ": " + std::strerror(errno), errno, bases[i]);
-      }
     }
+    const int error = errno;
+    throw OSError("cannot make a folder for ctags in " + bases.back() + ": " + std::strerror(error), error, bases.back());
   }
   ~LinkFolder() {
     std::error_code ec;
