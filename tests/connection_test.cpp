@@ -656,7 +656,7 @@ TEST_F(Handle, NewFileGetsEveryIndexTableAtTheCurrentVersionAndASecondRunChanges
             "table|code_chunks;table|components;table|edges;table|external_imports;table|files;table|index_errors;"
             "table|pending_references;table|schema_info;table|symbols;table|t;"
             "trigger|files_delete_code_chunks;");
-  EXPECT_EQ(query("SELECT count(*) FROM sqlite_master WHERE type = 'index' AND name LIKE 'idx_%'"), "14;");
+  EXPECT_EQ(query("SELECT count(*) FROM sqlite_master WHERE type = 'index' AND name LIKE 'idx_%'"), "13;");
   EXPECT_EQ(query("SELECT * FROM schema_info"), std::string("version|") + mq::migrations::SCHEMA_VERSION + ";");
   query("UPDATE schema_info SET value = '2.0.0' WHERE key = 'version'");
   const auto schema = query("SELECT * FROM sqlite_master");

@@ -49,11 +49,16 @@ std::string error_of(const std::function<void()>& call) {
 
 // The tables a 1.x build shaped differently: files without the stale mark,
 // error rows without a line, chunks keyed by a file_id column (and one whose
-// file is gone, which the old trigger missed). create_schema adds the rest.
+// file is gone, which the old trigger missed), symbols indexed by qualified
+// name. create_schema adds the rest.
 constexpr const char* OLD_SCHEMA = R"sql(
 CREATE TABLE schema_info (key TEXT PRIMARY KEY, value TEXT);
 CREATE TABLE files (id INTEGER PRIMARY KEY, path TEXT NOT NULL UNIQUE, language TEXT, content_hash TEXT);
 CREATE TABLE index_errors (id INTEGER PRIMARY KEY, file_path TEXT NOT NULL, error_type TEXT NOT NULL, message TEXT);
+CREATE TABLE symbols (id INTEGER PRIMARY KEY, file_id INTEGER NOT NULL REFERENCES files(id) ON DELETE CASCADE,
+  name TEXT NOT NULL, fqn TEXT NOT NULL, kind TEXT NOT NULL, start_line INTEGER, end_line INTEGER,
+  parent_id INTEGER REFERENCES symbols(id) ON DELETE CASCADE, signature TEXT, docstring TEXT);
+CREATE INDEX idx_symbols_fqn ON symbols(fqn);
 CREATE VIRTUAL TABLE code_chunks USING fts5(file_id UNINDEXED, text, start_line UNINDEXED, end_line UNINDEXED);
 CREATE TRIGGER files_delete_code_chunks AFTER DELETE ON files BEGIN DELETE FROM code_chunks WHERE file_id = old.id; END;
 BEGIN;
@@ -102,8 +107,9 @@ TEST_F(SchemaMigration, OlderBuildFileIsMigratedAndRewrittenWhileQueriesKeepAnsw
   done = true;
   reader.get();
 
-  EXPECT_EQ(log.records(), (Records{{kInfo, "Schema version 3.1.0 (recorded 1.0.0)"}}));
-  EXPECT_EQ(text(db, COUNTS), "3.1.0|300|60|900|8192");
+  EXPECT_EQ(log.records(), (Records{{kInfo, "Schema version 3.2.0 (recorded 1.0.0)"}}));
+  EXPECT_EQ(text(db, COUNTS), "3.2.0|300|60|900|8192");
+  EXPECT_EQ(scalar(db, "SELECT count(*) FROM sqlite_master WHERE name = 'idx_symbols_fqn'"), 0);
   EXPECT_EQ(scalar(db, "PRAGMA auto_vacuum"), mq::detail::kAutoVacuumIncremental);
   EXPECT_EQ(text(db, "PRAGMA journal_mode"), "wal");
   EXPECT_EQ(scalar(db, "SELECT count(*) FROM files WHERE stale = 0"), 300);
@@ -132,7 +138,7 @@ TEST_F(SchemaMigration, ChunksOfAnUnknownShapeAreMadeAgainEmptyAndEveryFileIsMar
     mq::Connection::open(p.string())
         ->executescript("DROP TABLE code_chunks; CREATE VIRTUAL TABLE code_chunks USING " + shape);
     auto db = open(p);
-    EXPECT_EQ(text(*db, COUNTS), "3.1.0|10|2|0|8192");
+    EXPECT_EQ(text(*db, COUNTS), "3.2.0|10|2|0|8192");
     EXPECT_EQ(scalar(*db, "SELECT count(*) FROM files WHERE stale = 1"), 10);
     db->execute("INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (3 << 20, 'x', 1, 1, 1)");
     db->execute("DELETE FROM files WHERE id = 3");
@@ -164,7 +170,7 @@ TEST_F(SchemaMigration, RecordedVersionPageSizeAndOtherProcessesDecideTheSteps) 
     return nullptr;
   };
   const auto info = [](const std::string& recorded) -> LogRecord {
-    return {kInfo, "Schema version 3.1.0 (recorded " + recorded + ")"};
+    return {kInfo, "Schema version 3.2.0 (recorded " + recorded + ")"};
   };
   const auto kept = [&](const char* file, const std::string& why) -> LogRecord {
     return {kWarn, "Pages of " + path(file).string() + " stay at 4096 bytes: " + why +
@@ -189,14 +195,14 @@ TEST_F(SchemaMigration, RecordedVersionPageSizeAndOtherProcessesDecideTheSteps) 
     std::string after;  // COUNTS, then whether the read pool is the one before, a new one or none
     std::string error;
   } cases[] = {
-      {"no-table.db", nullptr, 4096, {}, {info("1.0.0")}, "3.1.0|10|2|30|8192 new"},
-      {"short.db", "3.1", 4096, {}, {info("3.1")}, "3.1|10|2|31|8192 new"},
+      {"no-table.db", nullptr, 4096, {}, {info("1.0.0")}, "3.2.0|10|2|30|8192 new"},
+      {"short.db", "3.2", 4096, {}, {info("3.2")}, "3.2|10|2|31|8192 new"},
       {"newer.db", "10.0.0", 4096, {}, {}, "10.0.0|10|2|31|4096 kept"},
-      {"8192.db", "3.1.0", 8192, {}, {info("3.1.0")}, "3.1.0|10|2|31|8192 kept"},
-      {"16384.db", "3.1.0", 16384, {}, {info("3.1.0")}, "3.1.0|10|2|31|16384 kept"},
-      {"held.db", "1.0.0", 4096, held_open, {info("1.0.0"), held}, "3.1.0|10|2|30|4096 new"},
-      {"full.db", "3.1.0", 4096, disk_full, {info("3.1.0"), full}, "3.1.0|10|2|31|4096 new"},
-      {"no-wal.db", "3.1.0", 4096, no_wal, {info("3.1.0"), journal}, "3.1.0|10|2|31|8192 none"},
+      {"8192.db", "3.2.0", 8192, {}, {info("3.2.0")}, "3.2.0|10|2|31|8192 kept"},
+      {"16384.db", "3.2.0", 16384, {}, {info("3.2.0")}, "3.2.0|10|2|31|16384 kept"},
+      {"held.db", "1.0.0", 4096, held_open, {info("1.0.0"), held}, "3.2.0|10|2|30|4096 new"},
+      {"full.db", "3.1.0", 4096, disk_full, {info("3.1.0"), full}, "3.2.0|10|2|31|4096 new"},
+      {"no-wal.db", "3.1.0", 4096, no_wal, {info("3.1.0"), journal}, "3.2.0|10|2|31|8192 none"},
       {"view.db", "1.0.0", 4096, errors_view, {view}, "2.0.0|10|1|31|4096 kept", view_error},
   };
   for (const auto& c : cases) {

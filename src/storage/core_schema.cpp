@@ -84,7 +84,6 @@ CREATE TABLE symbols (
 );
 CREATE INDEX IF NOT EXISTS idx_symbols_file ON symbols(file_id);
 CREATE INDEX IF NOT EXISTS idx_symbols_name ON symbols(name);
-CREATE INDEX IF NOT EXISTS idx_symbols_fqn ON symbols(fqn);
 CREATE INDEX IF NOT EXISTS idx_symbols_parent ON symbols(parent_id);
 )sql"},
     {"edges", R"sql(

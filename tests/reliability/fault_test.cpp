@@ -288,7 +288,7 @@ const Scenario kScenarios[] = {
      .quick_points = 24,
      .after = [](TestDb&, const Outcome& out, const State& seen, LogCapture& log) {
        if (!out.message.starts_with("Schema migration")) return;
-       const std::string versions[] = {"1.0.0", "2.0.0", "3.0.0", "3.1.0"};
+       const std::string versions[] = {"1.0.0", "2.0.0", "3.0.0", "3.1.0", "3.2.0"};
        const auto& info = seen.at("schema_info");
        const auto row = std::find_if(info.begin(), info.end(), [](auto& r) { return r.starts_with("version|"); });
        const auto at = std::find(std::begin(versions), std::end(versions) - 1, row->substr(8));

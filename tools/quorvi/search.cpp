@@ -8,6 +8,8 @@
 #include <tuple>
 #include <unordered_map>
 
+#include <nlohmann/json.hpp>
+
 #include "marsk_quorvi/errors.hpp"
 #include "marsk_quorvi/storage/core_schema.hpp"
 
@@ -231,10 +233,11 @@ const std::string& symbols_sql() {
   return sql;
 }
 
-// Tier 0: the exact name; 1: the qualified name (?2 its last part); 2: the
-// names in [?4, ?5), whose qualified name ends in ?6 followed by the name
-// when ?6 is not empty. Every branch starts from idx_symbols_name or
-// idx_symbols_fqn. Within a tier: by KIND_RANK, then the fewer enclosing
+// Tier 0: the exact name; 1: the qualified name, whole (path::scope::name)
+// or from a scope on (scope::name), its own name among the candidates in ?2;
+// 2: the names in [?4, ?5), whose qualified name ends in ?6 followed by the
+// name when ?6 is not empty. Every branch starts from idx_symbols_name: a
+// qualified name ends in the symbol's name. Within a tier: by KIND_RANK, then the fewer enclosing
 // scopes (q is the name as qualified inside its file), so
 // that std::vector comes before a nested namespace's vector and a free
 // function before a method, then the shorter path. Every row of tiers 0
@@ -243,9 +246,8 @@ const std::string& definitions_sql() {
   static const std::string sql =
       "WITH m(id, tier) AS ("
       "SELECT id, 0 FROM symbols WHERE name = ?1 "
-      "UNION ALL SELECT id, 1 FROM symbols WHERE ?1 <> ?2 AND name = ?2 AND substr(fqn, -length(?1)) = ?1 "
-      "AND substr(fqn, -length(?1) - 1, 1) IN (':', '.') "
-      "UNION ALL SELECT id, 1 FROM symbols WHERE fqn = ?1 "
+      "UNION ALL SELECT id, 1 FROM symbols WHERE name IN (SELECT value FROM json_each(?2)) AND (fqn = ?1 OR "
+      "(substr(fqn, -length(?1)) = ?1 AND substr(fqn, -length(?1) - 1, 1) IN (':', '.'))) "
       "UNION ALL SELECT id, 2 FROM symbols WHERE name >= ?4 AND name < ?5 AND (?6 = '' OR "
       "(substr(fqn, -length(name) - length(?6)) = ?6 || name AND "
       "substr(fqn, -length(name) - length(?6) - 1, 1) IN (':', '.')))) "
@@ -445,6 +447,19 @@ std::size_t last_part(std::string_view name) {
   return at;
 }
 
+// The names that a qualified name may end in, as a JSON array: what follows
+// each "::" and each "." in it, so that a name holding a dot itself is found
+// too. Empty for a name without either: tier 0 has it.
+std::string own_name_candidates(std::string_view qualified) {
+  nlohmann::json names = nlohmann::json::array();
+  for (std::size_t i = 0; i < qualified.size(); ++i) {
+    if (qualified[i] == '.') names.push_back(qualified.substr(i + 1));
+    if (qualified.substr(i).starts_with("::")) names.push_back(qualified.substr(i + 2));
+  }
+  // Typed text need not be UTF-8; a replaced byte matches no stored name.
+  return names.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
 double since(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
@@ -556,7 +571,7 @@ std::vector<Definition> find_definitions(Database& db, std::string_view name, st
   }
   std::vector<Definition> defs;
   std::vector<Seen> seen;
-  for (const auto& row : db.fetchall(definitions_sql(), {full, full.substr(at), limit, lo, hi, qualifier})) {
+  for (const auto& row : db.fetchall(definitions_sql(), {full, own_name_candidates(full), limit, lo, hi, qualifier})) {
     Definition d{row[0].to_text(), row[1].to_text(), row[2].is_null() ? 0 : row[2].as_int(), {},
                  row[4].is_null() ? std::string() : row[4].to_text(), row[5].to_text(), row[3].to_text()};
     // fqn is "path::qualified name"; the scope is what precedes the name.

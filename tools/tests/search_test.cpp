@@ -45,7 +45,8 @@ const FileSpec CORPUS[] = {
      {"src/vec.hpp"}},  // which db.cpp includes: its Database::open implements this one
     {"include/fcntl.h", {}, {{"open", "open", "prototype", 7}, {"open", "open", "macro", 3}}},
     {"third/party/io/open.c", {}, {{"open", "open", "function", 2}, {"opener", "opener", "variable", 9}}},
-    {"py/m.py", {}, {{"open", "File.open", "member", 4}, {"openmode", "openmode", "class", 8}}},
+    {"py/m.py", {}, {{"open", "File.open", "member", 4}, {"openmode", "openmode", "class", 8},
+                    {"Config.load", "Config.load", "function", 12}}},  // a name that holds a dot
     {"bin/open", {}, {}},
     {"src/printf.c", {}, {{"printf", "printf", "function", 4}}},  // a C library's, as stdio.h declares it
     {"vendor/compat.h", {{2, "int printf() {}\n"}}, {{"printf", "printf", "function", 2}, {"u32", "u32", "typedef", 6},
@@ -135,6 +136,7 @@ TEST_F(Search, WhatIsTypedTheFtsQueryTheHitsAndTheDefinitions) {
        {"function  src/db.cpp:10  Database::open(const char *path)", "prototype  include/db.hpp:5  Database::open"}},
       {"def File.open", 20, {"member  py/m.py:4  File.open"}},
       {"def src/db.cpp::Database::open", 20, {"function  src/db.cpp:10  Database::open(const char *path)"}},
+      {"def py/m.py::Config.load", 20, {"function  py/m.py:12  Config.load"}},
       {"def opene*", 20, {"variable  third/party/io/open.c:9  opener"}},
       {"def open_file*", 20, {"function  src/db.cpp:20  open_file"}},
       {"def Database::op*", 20,
