@@ -7,6 +7,7 @@
 #include <span>
 #include <tuple>
 #include <unordered_map>
+#include <unordered_set>
 
 #include <nlohmann/json.hpp>
 
@@ -261,11 +262,11 @@ const std::string& definitions_sql() {
   return sql;
 }
 
-// The include and import graph, reversed: the files that include each file,
-// by anchor, numbered densely so that a walk marks a flat array.
-class Includers {
+// The whole include and import graph, reversed: the files that include each
+// file, by anchor, numbered densely so that a walk marks a flat array.
+class IncludeGraph {
  public:
-  explicit Includers(Database& db) {
+  explicit IncludeGraph(Database& db) {
     // Two text values rather than a row object per edge: the memory a query
     // first touches costs more than parsing numbers.
     const auto row = db.fetchone("SELECT count(*), group_concat(target_id), group_concat(source_id) FROM edges "
@@ -365,6 +366,66 @@ class Includers {
   std::uint32_t walk_ = 0;
 };
 
+// What see_by_includes asks of the include graph, for a given set of anchors.
+// Most names are defined in files that few others include: the files that
+// include those, directly or not, come from one recursive query that stops
+// after include_rows_in_sql rows. Past that, loading the whole graph once is
+// cheaper than following it edge by edge in SQL.
+class Includers {
+ public:
+  Includers(Database& db, const std::vector<std::int64_t>& anchors) {
+    std::string list = "[";
+    for (const auto a : anchors) list += (list.size() > 1 ? "," : "") + std::to_string(a);
+    list += "]";
+    const auto budget = static_cast<std::int64_t>(anchors.size()) + include_rows_in_sql;
+    const auto reached = db.fetchall(
+        "WITH RECURSIVE r(a, id) AS (SELECT value, value FROM json_each(?1) UNION "
+        "SELECT r.a, e.source_id FROM r JOIN edges AS e ON e.target_id = r.id AND e.kind IN ('includes', 'imports') "
+        "LIMIT ?2) SELECT a, id FROM r",
+        {list, budget});
+    if (static_cast<std::int64_t>(reached.size()) >= budget) {
+      whole_.emplace(db);
+      return;
+    }
+    for (const auto& row : reached) {
+      if (row[0].as_int() != row[1].as_int()) reached_[row[0].as_int()].insert(row[1].as_int());
+    }
+    for (const auto& row : db.fetchall("SELECT target_id, source_id FROM edges WHERE target_id IN "
+                                       "(SELECT value FROM json_each(?1)) AND kind IN ('includes', 'imports')",
+                                       {list})) {
+      direct_[row[0].as_int()].insert(row[1].as_int());
+    }
+  }
+
+  // Whether `from` includes `to` (one of the anchors): itself, or with
+  // `through`, by way of other files too.
+  bool includes(std::int64_t from, std::int64_t to, bool through) {
+    if (whole_) return whole_->includes(from, to, through);
+    const auto& within = through ? reached_ : direct_;
+    const auto it = within.find(to);
+    return it != within.end() && it->second.contains(from);
+  }
+
+  // The one file that includes `anchor`; none when no file or several do.
+  std::optional<std::int64_t> only_includer(std::int64_t anchor) const {
+    if (whole_) return whole_->only_includer(anchor);
+    const auto it = direct_.find(anchor);
+    if (it == direct_.end() || it->second.size() != 1) return std::nullopt;
+    return *it->second.begin();
+  }
+
+  // How many files include `anchor`, directly or through other files.
+  std::int64_t reach(std::int64_t anchor) {
+    if (whole_) return whole_->reach(anchor);
+    const auto it = reached_.find(anchor);
+    return it == reached_.end() ? 0 : static_cast<std::int64_t>(it->second.size());
+  }
+
+ private:
+  std::optional<IncludeGraph> whole_;
+  std::unordered_map<std::int64_t, std::unordered_set<std::int64_t>> reached_, direct_;
+};
+
 // What see_by_includes needs of a symbol, and what it finds.
 struct Seen {
   std::int64_t tier, kind_rank;
@@ -411,7 +472,9 @@ void see_by_includes(Database& db, std::vector<Seen>& rows) {
     r.anchor = anchors[r.file_id];
     if (r.anchor) reach.emplace(r.anchor, 0);
   }
-  Includers includers(db);
+  std::vector<std::int64_t> wanted;
+  for (const auto& [anchor, n] : reach) wanted.push_back(anchor);
+  Includers includers(db, wanted);
   for (auto& [anchor, n] : reach) n = includers.reach(anchor);
   std::unordered_map<std::string_view, std::vector<const Seen*>> declared;
   for (auto& r : rows) {

@@ -71,6 +71,11 @@ struct Definition {
 // std::invalid_argument for an empty name.
 std::vector<Definition> find_definitions(storage::Database& db, std::string_view name, std::int64_t limit);
 
+// How many files beyond the anchors the ranking of definitions follows
+// include edges to in SQL before it loads the whole include graph instead.
+// Both ways rank alike; a test sets 0 to take the second.
+inline std::int64_t include_rows_in_sql = 512;
+
 // "kind  path:line  scope  signature", the empty parts left out.
 std::string format_definition(const Definition& d);
 

@@ -153,21 +153,27 @@ TEST_F(Search, WhatIsTypedTheFtsQueryTheHitsAndTheDefinitions) {
       {"def bin", 20, {}},
       {"def *", 20, {"! no name to look up"}},
   };
-  for (const auto& [typed, limit, rows] : cases) {
-    Strings got;
-    try {
-      if (std::string_view(typed).starts_with("fts ")) {
-        const auto q = fts_query(typed + 4);
-        got = {q.text, std::to_string(q.terms)};
-        got.insert(got.end(), q.names.begin(), q.names.end());
-      } else if (std::string_view(typed).starts_with("def ")) {
-        for (const auto& d : find_definitions(*db_, typed + 4, limit)) got.push_back(format_definition(d));
-      } else {
-        for (const auto& h : search(*db_, typed, limit)) got.push_back((h.defines ? "D " : "") + format_hit(h));
+  // The include graph followed in SQL, and loaded whole.
+  const auto nearby = include_rows_in_sql;
+  for (const std::int64_t followed : {nearby, std::int64_t{0}}) {
+    include_rows_in_sql = followed;
+    for (const auto& [typed, limit, rows] : cases) {
+      Strings got;
+      try {
+        if (std::string_view(typed).starts_with("fts ")) {
+          const auto q = fts_query(typed + 4);
+          got = {q.text, std::to_string(q.terms)};
+          got.insert(got.end(), q.names.begin(), q.names.end());
+        } else if (std::string_view(typed).starts_with("def ")) {
+          for (const auto& d : find_definitions(*db_, typed + 4, limit)) got.push_back(format_definition(d));
+        } else {
+          for (const auto& h : search(*db_, typed, limit)) got.push_back((h.defines ? "D " : "") + format_hit(h));
+        }
+      } catch (const std::exception& e) {
+        got.push_back(std::string("! ") + e.what());
       }
-    } catch (const std::exception& e) {
-      got.push_back(std::string("! ") + e.what());
+      EXPECT_EQ(got, rows) << typed << ", include rows followed in SQL: " << followed;
     }
-    EXPECT_EQ(got, rows) << typed;
   }
+  include_rows_in_sql = nearby;
 }
