@@ -75,7 +75,7 @@ class ParamsIn {
 
 // The Row type (a sqlite3.Row alike: index, case-insensitive name, len,
 // iteration, keys(), equality). New reference, or null with an error set.
-PyObject* make_row(Row&& row);
+PyObject* make_row(const Row& row);
 py::object row_or_none(std::optional<Row>&& row);
 py::list row_list(std::vector<Row>&& rows);
 void bind_row(py::module_& m);

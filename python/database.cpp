@@ -209,12 +209,21 @@ PyObject* fetchone(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyOb
     PyDatabase& db = database_of(self);
     const std::string_view text = sql_text(sql);
     ParamsIn params(parameters);
-    std::optional<Row> row;
+    // Each thread reads into a row of its own, kept from call to call: its
+    // values and their texts are allocated once, not per query. It is taken
+    // out while in use, since making Python objects may run Python code (a
+    // collection's finalisers) that queries again on this thread.
+    thread_local Row kept;
+    Row row = std::move(kept);
+    bool found;
     {
       NoGil nogil;
-      row = db.db->fetchone(text, params.ref());
+      found = db.db->fetchone(text, params.ref(), row);
     }
-    return row_or_none(std::move(row)).release().ptr();
+    PyObject* out = found ? make_row(row) : Py_NewRef(Py_None);
+    kept = std::move(row);
+    if (out == nullptr) throw py::error_already_set();
+    return out;
   } catch (py::error_already_set& e) {
     e.restore();
   } catch (abi::__forced_unwind&) {

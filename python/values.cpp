@@ -307,7 +307,7 @@ PyType_Spec row_spec = {"marsk_quorvi.Row", sizeof(RowObject), 0, kRowFlags, row
 
 }  // namespace
 
-PyObject* make_row(Row&& row) {
+PyObject* make_row(const Row& row) {
   const auto& values = row.values();
   PyObject* tuple = PyTuple_New(static_cast<Py_ssize_t>(values.size()));
   if (tuple == nullptr) return nullptr;
@@ -337,7 +337,7 @@ PyObject* make_row(Row&& row) {
 
 py::object row_or_none(std::optional<Row>&& row) {
   if (!row) return py::none();
-  PyObject* out = make_row(std::move(*row));
+  PyObject* out = make_row(*row);
   if (out == nullptr) throw py::error_already_set();
   return py::reinterpret_steal<py::object>(out);
 }
@@ -345,7 +345,7 @@ py::object row_or_none(std::optional<Row>&& row) {
 py::list row_list(std::vector<Row>&& rows) {
   py::list out(rows.size());
   for (std::size_t i = 0; i < rows.size(); ++i) {
-    PyObject* row = make_row(std::move(rows[i]));
+    PyObject* row = make_row(rows[i]);
     if (row == nullptr) throw py::error_already_set();
     PyList_SET_ITEM(out.ptr(), static_cast<Py_ssize_t>(i), row);
   }

@@ -238,12 +238,21 @@ TEST_F(Handle, ValuesRoundTripWithTheirTypesAndRowsOutliveTheirConnection) {
       {std::numeric_limits<std::int64_t>::min(), T::Integer}, {0.1, T::Real}, {-1e300, T::Real}, {"", T::Text},
       {"h\xc3\xa9llo \xe2\x82\xac", T::Text}, {std::string("a\0b", 3), T::Text}, {mq::Bytes{0, 1, 0, 255}, T::Blob},
       {mq::Bytes{}, T::Blob}};
+  // One row read into again and again, through every change of type.
+  mq::Row reused;
   for (std::int64_t id = 2; const auto& [value, type] : cases) {
     conn->execute("INSERT INTO t (id, v) VALUES (?, ?)", {id, value});
-    const auto row = conn->execute("SELECT v FROM t WHERE id = ?", {id++}).fetchone().value();
+    const auto row = conn->execute("SELECT v FROM t WHERE id = ?", {id}).fetchone().value();
     EXPECT_EQ(row[0].type(), type) << row[0].to_text();
     EXPECT_EQ(row[0], value) << row[0].to_text();
+    ASSERT_TRUE(db->fetchone("SELECT v FROM t WHERE id = ?", {id++}, reused));
+    EXPECT_EQ(reused.values(), row.values());
   }
+  EXPECT_FALSE(db->fetchone("SELECT v FROM t WHERE id = 0", {}, reused));
+  EXPECT_EQ(reused[0], mq::Value(mq::Bytes{}));  // as it was
+  ASSERT_TRUE(db->fetchone("SELECT 'a' AS k, 2 AS n", {}, reused));
+  EXPECT_EQ(reused.keys(), (std::vector<std::string>{"k", "n"}));
+  EXPECT_EQ(reused.values(), (std::vector<mq::Value>{"a", 2}));
   const auto row = conn->execute("SELECT 7 AS id, 'x' AS Name").fetchone().value();
   conn.reset();
   EXPECT_EQ(row.keys(), (std::vector<std::string>{"id", "Name"}));

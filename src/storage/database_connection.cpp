@@ -297,6 +297,10 @@ std::optional<Row> DatabaseImpl::fetchone(std::string_view sql, ParamsRef params
   return _query(sql, [&](Connection& c) { return c.fetchone(sql, params); });
 }
 
+bool DatabaseImpl::fetchone(std::string_view sql, ParamsRef params, Row& row) {
+  return _query(sql, [&](Connection& c) { return c.fetchone(sql, params, row); });
+}
+
 std::vector<Row> DatabaseImpl::fetchall(std::string_view sql, ParamsRef params) {
   return _query(sql, [&](Connection& c) { return _run_query(c, sql, params, [](Cursor& cur) { return cur.fetchall(); }); });
 }
@@ -368,6 +372,7 @@ Cursor Database::executemany(std::string_view sql, const std::vector<Params>& pa
   return impl_->executemany(sql, params_list);
 }
 std::optional<Row> Database::fetchone(std::string_view sql, ParamsRef params) { return impl_->fetchone(sql, params); }
+bool Database::fetchone(std::string_view sql, ParamsRef params, Row& row) { return impl_->fetchone(sql, params, row); }
 std::vector<Row> Database::fetchall(std::string_view sql, ParamsRef params) { return impl_->fetchall(sql, params); }
 void Database::create_schema() { impl_->create_schema(); }
 void Database::migrate_schema() { impl_->migrate_schema(); }

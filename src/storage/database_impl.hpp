@@ -152,6 +152,7 @@ class DatabaseImpl {
   Cursor executemany(std::string_view sql, const std::vector<Params>& params_list);
   Cursor executemany(std::string_view sql, std::span<const ParamsRef> params_list);  // named sets too
   std::optional<Row> fetchone(std::string_view sql, ParamsRef params = {});
+  bool fetchone(std::string_view sql, ParamsRef params, Row& row);
   std::vector<Row> fetchall(std::string_view sql, ParamsRef params = {});
   void create_schema();
   void migrate_schema();

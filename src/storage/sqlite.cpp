@@ -275,48 +275,76 @@ bool step_statement(detail::Statement& statement, bool first) {
 }
 
 // The current row of a stepped statement.
-Row read_row(detail::Statement& statement) {
-  sqlite3_stmt* st = statement.stmt.get();
-  // One hold of the connection's mutex for the whole row (a no-op on a read
-  // connection), instead of one per column call: the values read below are
-  // SQLite's unprotected ones, safe while it is held.
-  DbMutex guard(statement.mutex);
-  const int n = sqlite3_column_count(st);
-  if (static_cast<std::size_t>(n) != statement.names->size()) {
-    // The statement was recompiled after a schema change and its shape moved.
-    auto names = std::make_shared<std::vector<std::string>>();
+}  // namespace
+
+namespace detail {
+
+// Reads the statement's current row into `row`, reusing what `row` holds: its
+// vector, and the buffer of a text or blob column that was one before.
+struct RowFill {
+  static void fill(Statement& statement, Row& row) {
+    sqlite3_stmt* st = statement.stmt.get();
+    // One hold of the connection's mutex for the whole row (a no-op on a read
+    // connection), instead of one per column call: the values read below are
+    // SQLite's unprotected ones, safe while it is held.
+    DbMutex guard(statement.mutex);
+    const int n = sqlite3_column_count(st);
+    if (static_cast<std::size_t>(n) != statement.names->size()) {
+      // The statement was recompiled after a schema change and its shape moved.
+      auto names = std::make_shared<std::vector<std::string>>();
+      for (int i = 0; i < n; ++i) {
+        const char* name = sqlite3_column_name(st, i);
+        names->emplace_back(name ? name : "");
+      }
+      statement.names = std::move(names);
+    }
+    if (row.names_ != statement.names) row.names_ = statement.names;
+    row.values_.resize(static_cast<std::size_t>(n));
     for (int i = 0; i < n; ++i) {
-      const char* name = sqlite3_column_name(st, i);
-      names->emplace_back(name ? name : "");
-    }
-    statement.names = std::move(names);
-  }
-  std::vector<Value> values;
-  values.reserve(static_cast<std::size_t>(n));
-  for (int i = 0; i < n; ++i) {
-    sqlite3_value* v = sqlite3_column_value(st, i);
-    switch (sqlite3_value_type(v)) {
-      case SQLITE_INTEGER:
-        values.emplace_back(static_cast<std::int64_t>(sqlite3_value_int64(v)));
-        break;
-      case SQLITE_FLOAT:
-        values.emplace_back(sqlite3_value_double(v));
-        break;
-      case SQLITE_TEXT: {
-        const auto* p = reinterpret_cast<const char*>(sqlite3_value_text(v));
-        values.emplace_back(p ? std::string(p, static_cast<std::size_t>(sqlite3_value_bytes(v))) : std::string());
-        break;
+      sqlite3_value* v = sqlite3_column_value(st, i);
+      auto& slot = row.values_[static_cast<std::size_t>(i)].v_;
+      switch (sqlite3_value_type(v)) {
+        case SQLITE_INTEGER:
+          slot = static_cast<std::int64_t>(sqlite3_value_int64(v));
+          break;
+        case SQLITE_FLOAT:
+          slot = sqlite3_value_double(v);
+          break;
+        case SQLITE_TEXT: {
+          const auto* p = reinterpret_cast<const char*>(sqlite3_value_text(v));
+          const auto size = p ? static_cast<std::size_t>(sqlite3_value_bytes(v)) : 0;
+          if (auto* text = std::get_if<std::string>(&slot)) {
+            text->assign(p ? p : "", size);
+          } else {
+            slot.emplace<std::string>(p ? p : "", size);
+          }
+          break;
+        }
+        case SQLITE_BLOB: {
+          const auto* p = static_cast<const std::uint8_t*>(sqlite3_value_blob(v));
+          const auto size = static_cast<std::size_t>(sqlite3_value_bytes(v));
+          if (auto* bytes = std::get_if<Bytes>(&slot)) {
+            bytes->assign(p, p + size);
+          } else {
+            slot.emplace<Bytes>(p, p + size);
+          }
+          break;
+        }
+        default:
+          slot = std::monostate{};
       }
-      case SQLITE_BLOB: {
-        const auto* p = static_cast<const std::uint8_t*>(sqlite3_value_blob(v));
-        values.emplace_back(Bytes(p, p + sqlite3_value_bytes(v)));
-        break;
-      }
-      default:
-        values.emplace_back();
     }
   }
-  return Row(statement.names, std::move(values));
+};
+
+}  // namespace detail
+
+namespace {
+
+Row read_row(detail::Statement& statement) {
+  Row row;
+  detail::RowFill::fill(statement, row);
+  return row;
 }
 
 }  // namespace
@@ -622,18 +650,27 @@ Cursor Connection::execute(std::string_view sql, ParamsRef params) {
 }
 
 std::optional<Row> Connection::fetchone(std::string_view sql, ParamsRef params) {
+  std::optional<Row> row(std::in_place);
+  if (!fetchone(sql, params, *row)) row.reset();
+  return row;
+}
+
+bool Connection::fetchone(std::string_view sql, ParamsRef params, Row& row) {
   if (closed()) throw Error("Cannot operate on a closed database.", SQLITE_MISUSE);
   detail::StatementLease statement = acquire(sql);
-  if (!statement->stmt) return std::nullopt;
+  if (!statement->stmt) return false;
   // A write runs to its end, as execute() runs it.
   if (!statement->readonly) {
     statement.reset();
-    return execute(sql, params).fetchone();
+    auto first = execute(sql, params).fetchone();
+    if (first) row = std::move(*first);
+    return first.has_value();
   }
   // Its one step happens here: the parameters outlive it.
   bind_all(*statement, params, Hold::borrowed);
-  if (!step_statement(*statement, true)) return std::nullopt;
-  return read_row(*statement);  // the lease's end resets the statement
+  if (!step_statement(*statement, true)) return false;
+  detail::RowFill::fill(*statement, row);
+  return true;  // the lease's end resets the statement
 }
 
 Cursor Connection::executemany(std::string_view sql, const std::vector<Params>& params_list) {

@@ -113,6 +113,10 @@ class Database {
   Cursor executemany(std::string_view sql, const std::vector<Params>& params_list);
   // Queries: on a read connection when possible, on the writer otherwise.
   std::optional<Row> fetchone(std::string_view sql, ParamsRef params = {});
+  // The same into `row`, whose storage is reused: a caller that reads one row
+  // after another allocates nothing per row once its texts have their size.
+  // False, with `row` as it was, when the query gives no row.
+  bool fetchone(std::string_view sql, ParamsRef params, Row& row);
   std::vector<Row> fetchall(std::string_view sql, ParamsRef params = {});
 
   void create_schema();  // the missing tables; existing ones are left alone

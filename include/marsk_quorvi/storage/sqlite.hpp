@@ -32,6 +32,9 @@ using Bytes = std::vector<std::uint8_t>;
 
 // One SQL value: null, 64-bit integer, double, text (UTF-8) or blob.
 class Param;
+namespace detail {
+struct RowFill;
+}
 
 class Value {
  public:
@@ -78,6 +81,7 @@ class Value {
 
  private:
   friend class Param;
+  friend struct detail::RowFill;
   std::int64_t converted_int() const;
   [[noreturn]] void raise_not(const char* what) const;
   std::variant<std::monostate, std::int64_t, double, std::string, Bytes> v_;
@@ -161,6 +165,8 @@ class ParamsRef {
 // One result row. It owns its values, so it outlives the cursor that made it.
 class Row {
  public:
+  // No columns: what a row that is to be filled reuses.
+  Row() = default;
   Row(std::shared_ptr<const std::vector<std::string>> names, std::vector<Value> values)
       : names_(std::move(names)), values_(std::move(values)) {}
 
@@ -177,6 +183,7 @@ class Row {
   const std::vector<Value>& values() const noexcept { return values_; }
 
  private:
+  friend struct detail::RowFill;
   [[noreturn]] static void raise_no_column(std::size_t index);
   std::shared_ptr<const std::vector<std::string>> names_;
   std::vector<Value> values_;
@@ -319,6 +326,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // The first row of `sql`, as execute(sql, params).fetchone(), without the
   // cursor: the statement goes back as soon as its row is read.
   std::optional<Row> fetchone(std::string_view sql, ParamsRef params = {});
+  // The same into `row`, whose storage is reused; false, with `row` as it
+  // was, when there is no row.
+  bool fetchone(std::string_view sql, ParamsRef params, Row& row);
   // Runs several `;`-separated statements (DDL scripts) without parameters.
   void executescript(const std::string& sql);
   // Finalises the cached statements and closes the handle; statements still
