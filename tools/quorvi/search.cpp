@@ -238,10 +238,10 @@ const std::string& symbols_sql() {
 // or from a scope on (scope::name), its own name among the candidates in ?2;
 // 2: the names in [?4, ?5), whose qualified name ends in ?6 followed by the
 // name when ?6 is not empty. Every branch starts from idx_symbols_name: a
-// qualified name ends in the symbol's name. Within a tier: by KIND_RANK, then the fewer enclosing
-// scopes (q is the name as qualified inside its file), so
-// that std::vector comes before a nested namespace's vector and a free
-// function before a method, then the shorter path. Every row of tiers 0
+// qualified name ends in the symbol's name. Within a tier: by KIND_RANK,
+// then the fewer enclosing scopes (q is the name as qualified inside its
+// file), so that std::vector comes before a nested namespace's vector and a
+// free function before a method, then the shorter path. Every row of tiers 0
 // and 1 comes back, for see_by_includes; of tier 2 only ?3.
 const std::string& definitions_sql() {
   static const std::string sql =

@@ -413,7 +413,7 @@ namespace {
 class CursorRows : public StagingRows {
  public:
   static constexpr const char* SYMBOL_SQL =
-      "INSERT INTO symbols (id, file_id, name, fqn, kind, start_line, end_line, parent_id, signature) "
+      "INSERT OR FAIL INTO symbols (id, file_id, name, fqn, kind, start_line, end_line, parent_id, signature) "
       "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)";
   static constexpr const char* CHUNK_SQL =
       "INSERT INTO code_chunks (rowid, text, start_line, end_line, exact) VALUES (?, ?, ?, ?, 1)";
@@ -438,6 +438,11 @@ class CursorRows : public StagingRows {
   // Symbols go in kSymbolBatch to a statement, which halves SQLite's work per
   // row; the batch keeps copies of the strings in buffers that keep their
   // room, so that filling it allocates nothing once it has run a while.
+  // The statement fails rather than aborts on a broken constraint (the
+  // staging file is then given up whole): an aborting statement of several
+  // rows opens a statement savepoint, at which FTS5 writes out the chunks it
+  // holds in memory, and a savepoint every 16 symbols left code_chunks of an
+  // index file in hundreds of small segments to merge.
   void symbol(std::int64_t id, std::int64_t file_id, const std::string& name, const std::string& fqn,
               const std::string& kind, std::int64_t start_line, std::int64_t end_line,
               std::optional<std::int64_t> parent_id, const std::optional<std::string>& signature) override {
