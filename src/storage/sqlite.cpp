@@ -274,7 +274,6 @@ bool step_statement(detail::Statement& statement, bool first) {
   return false;
 }
 
-// The current row of a stepped statement.
 }  // namespace
 
 namespace detail {
@@ -341,6 +340,7 @@ struct RowFill {
 
 namespace {
 
+// The current row of a stepped statement.
 Row read_row(detail::Statement& statement) {
   Row row;
   detail::RowFill::fill(statement, row);
@@ -456,8 +456,13 @@ std::string Value::to_text() const {
 
 void Row::raise_no_column(std::size_t index) { throw std::out_of_range("row has no column " + std::to_string(index)); }
 
+const std::vector<std::string>& Row::no_keys() noexcept {
+  static const std::vector<std::string> none;
+  return none;
+}
+
 const Value& Row::operator[](std::string_view name) const {
-  const auto& names = *names_;
+  const auto& names = keys();
   for (std::size_t i = 0; i < names.size(); ++i) {
     const auto& n = names[i];
     if (n.size() != name.size()) continue;

@@ -179,12 +179,13 @@ class Row {
   // The first column of that name, compared without regard to ASCII case;
   // raises std::out_of_range for an unknown name.
   const Value& operator[](std::string_view name) const;
-  const std::vector<std::string>& keys() const noexcept { return *names_; }
+  const std::vector<std::string>& keys() const noexcept { return names_ ? *names_ : no_keys(); }
   const std::vector<Value>& values() const noexcept { return values_; }
 
  private:
   friend struct detail::RowFill;
   [[noreturn]] static void raise_no_column(std::size_t index);
+  static const std::vector<std::string>& no_keys() noexcept;
   std::shared_ptr<const std::vector<std::string>> names_;
   std::vector<Value> values_;
 };
