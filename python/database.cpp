@@ -273,6 +273,8 @@ void bind_cursor(py::module_& m) {
              return row;
            })
       .def_property_readonly("rowcount", [](PyCursor& self) { return self.run([](Cursor& c) { return c.rowcount(); }); })
+      .def_property_readonly("lastrowid",
+                             [](PyCursor& self) { return self.run([](Cursor& c) { return c.lastrowid(); }); })
       .def("close", [](PyCursor& self) { self.run([](Cursor& c) { c.close(); }); })
       .def_property_readonly("closed", [](PyCursor& self) { return self.run([](Cursor& c) { return c.closed(); }); });
 }

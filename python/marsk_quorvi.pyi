@@ -84,6 +84,9 @@ class Cursor:
     @property
     def rowcount(self) -> int:
         """Rows changed by the last INSERT, UPDATE, DELETE or REPLACE (the total for executemany); -1 otherwise."""
+    @property
+    def lastrowid(self) -> int | None:
+        """The rowid of the last row that execute() inserted with INSERT or REPLACE; None before the first."""
     def close(self) -> None: ...
     @property
     def closed(self) -> bool: ...

@@ -267,14 +267,22 @@ TEST_F(Handle, ValuesRoundTripWithTheirTypesAndRowsOutliveTheirConnection) {
 TEST_F(Handle, RowcountCountsChangedRowsAndIsNegativeOtherwise) {
   conn->execute("CREATE TABLE src (n INTEGER)");
   conn->execute("INSERT INTO src (n) VALUES (1), (2), (3), (4)");
-  const std::pair<const char*, std::int64_t> cases[] = {
-      {"INSERT INTO t (v) VALUES ('a'), ('b')", 2}, {"INSERT INTO t (v) SELECT n FROM src", 4},
-      {"WITH s(n) AS (SELECT n FROM src WHERE n > 2) INSERT INTO t (v) SELECT n FROM s", 2},
-      {"UPDATE t SET v = 0 WHERE typeof(v) = 'integer'", 6}, {"SELECT * FROM t", -1},
+  // The statement, its rowcount, and the cursor's lastrowid after it: set by an INSERT or REPLACE that
+  // execute ran, kept through any other statement and through a failed insert.
+  const std::tuple<const char*, std::int64_t, std::optional<std::int64_t>> cases[] = {
+      {"SELECT 1", -1, std::nullopt}, {"INSERT INTO t (v) VALUES ('a'), ('b')", 2, 3},
+      {"INSERT INTO t (v) SELECT n FROM src", 4, 7},
+      {"WITH s(n) AS (SELECT n FROM src WHERE n > 2) INSERT INTO t (v) SELECT n FROM s", 2, 7},
+      {"UPDATE t SET v = 0 WHERE typeof(v) = 'integer'", 6, 7}, {"SELECT * FROM t", -1, 7},
+      {"  /* c */ REPLACE INTO t (id, v) VALUES (20, 'r')", 1, 20}, {"INSERT INTO t (id, v) VALUES (20, 'r')", -1, 20},
       // SQLite's change counter still holds the last write's count: these change no rows.
-      {"CREATE TABLE other (x)", -1}, {"PRAGMA user_version = 3", -1}, {"DELETE FROM t WHERE v = 0", 6},
-      {"DELETE FROM t WHERE v = 'none such'", 0}};
-  for (const auto& [sql, expected] : cases) EXPECT_EQ(conn->execute(sql).rowcount(), expected) << sql;
+      {"CREATE TABLE other (x)", -1, 20}, {"PRAGMA user_version = 3", -1, 20}, {"DELETE FROM t WHERE v = 0", 6, 20},
+      {"DELETE FROM t WHERE v = 'none such'", 0, 20}};
+  auto cursor = conn->cursor();
+  for (const auto& [sql, rowcount, lastrowid] : cases) {
+    if (raised([&] { cursor.execute(sql); }).empty()) EXPECT_EQ(cursor.rowcount(), rowcount) << sql;
+    EXPECT_EQ(cursor.lastrowid(), lastrowid) << sql;
+  }
   // executemany: the total of every set; rows a write returns are dropped, and a query is refused.
   auto many = conn->executemany("INSERT INTO t (v) VALUES (?) RETURNING id", {{1}, {2}, {3}});
   EXPECT_EQ(many.rowcount(), 3);

@@ -90,6 +90,7 @@ def test_rows_and_cursors(db):
     cursor = db.execute("SELECT id, v FROM t ORDER BY id")
     assert [tuple(r) for r in cursor] == [(1, "a"), (2, "b")] and cursor.fetchone() is None
     assert db.execute("UPDATE t SET v = 'c'").rowcount == 2 and cursor.rowcount == -1
+    assert cursor.lastrowid is None and db.execute("INSERT INTO t (id, v) VALUES (7, 'd')").lastrowid == 7
     assert db.fetchone("SELECT 1 WHERE 0") is None
     cursor.close()
     with pytest.raises(mq.Error, match=r"^Cannot operate on a closed cursor\.$"):

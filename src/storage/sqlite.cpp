@@ -31,6 +31,7 @@ struct Statement {
   int parameters = 0;    // sqlite3_bind_parameter_count, fixed by the text
   bool readonly = true;  // sqlite3_stmt_readonly
   bool dml = false;      // INSERT/UPDATE/DELETE/REPLACE: rowcount applies
+  bool inserts = false;  // INSERT/REPLACE: lastrowid applies
   // Under the owner's mutex: whether a cursor has it now, and, when cached,
   // its place in the owner's list.
   bool in_use = false;
@@ -118,6 +119,11 @@ bool starts_with_keyword(std::string_view s, std::string_view kw) {
     if (std::toupper(static_cast<unsigned char>(s[i])) != kw[i]) return false;
   }
   return s.size() == kw.size() || !(std::isalnum(static_cast<unsigned char>(s[kw.size()])) || s[kw.size()] == '_');
+}
+
+bool is_insert(std::string_view sql) {
+  const auto s = skip_space_and_comments(sql);
+  return starts_with_keyword(s, "INSERT") || starts_with_keyword(s, "REPLACE");
 }
 
 bool is_dml(std::string_view sql) {
@@ -594,6 +600,7 @@ detail::StatementLease Connection::acquire(std::string_view sql) {
     s->parameters = sqlite3_bind_parameter_count(st);
     s->mutex = sqlite3_db_mutex(db);
     s->dml = !s->readonly && is_dml(s->sql);
+    s->inserts = s->dml && is_insert(s->sql);
   }
   s->names = std::move(names);
   detail::Statement* const statement = s.get();
@@ -752,6 +759,9 @@ Cursor& Cursor::execute(std::string_view sql, ParamsRef params) {
     DbMutex guard(stmt_->mutex);
     for (bool row = step_row(true); row; row = step_row()) buffered_.push_back(current_row());
     if (stmt_->dml) rowcount_ = sqlite3_changes64(db);
+    // Read under the same hold as the statement: on a connection that
+    // threads share, the next insert may be another thread's.
+    if (stmt_->inserts) lastrowid_ = sqlite3_last_insert_rowid(db);
   }
   return *this;
 }

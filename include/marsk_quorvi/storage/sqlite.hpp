@@ -243,6 +243,7 @@ class Cursor {
       done_ = other.done_;
       closed_ = other.closed_;
       rowcount_ = other.rowcount_;
+      lastrowid_ = other.lastrowid_;
     }
     return *this;
   }
@@ -265,6 +266,10 @@ class Cursor {
   std::vector<Row> fetchall();
   // Rows changed by the last INSERT, UPDATE, DELETE or REPLACE; -1 otherwise.
   std::int64_t rowcount() const noexcept { return rowcount_; }
+  // The rowid of the row inserted by the last INSERT or REPLACE that
+  // `execute` ran to success on this cursor; none before the first. Other
+  // statements, `executemany` and a failed insert leave it as it was.
+  std::optional<std::int64_t> lastrowid() const noexcept { return lastrowid_; }
   // Gives the statement back to the connection's cache. Harmless when closed.
   void close() noexcept;
   bool closed() const noexcept { return closed_; }
@@ -287,6 +292,7 @@ class Cursor {
   bool done_ = true;
   bool closed_ = false;
   std::int64_t rowcount_ = -1;
+  std::optional<std::int64_t> lastrowid_;
 };
 
 // One SQLite connection. Autocommit: it never begins a transaction of its
