@@ -275,6 +275,18 @@ void bind_cursor(py::module_& m) {
       .def_property_readonly("rowcount", [](PyCursor& self) { return self.run([](Cursor& c) { return c.rowcount(); }); })
       .def_property_readonly("lastrowid",
                              [](PyCursor& self) { return self.run([](Cursor& c) { return c.lastrowid(); }); })
+      .def_property_readonly("description",
+                             [](PyCursor& self) -> py::object {
+                               // As sqlite3 gives it: a name and six Nones per column, or None.
+                               const auto names = self.run([](Cursor& c) { return c.columns(); });
+                               if (names.empty()) return py::none();
+                               py::tuple out(names.size());
+                               for (std::size_t i = 0; i < names.size(); ++i) {
+                                 out[i] = py::make_tuple(names[i], py::none(), py::none(), py::none(), py::none(),
+                                                         py::none(), py::none());
+                               }
+                               return out;
+                             })
       .def("close", [](PyCursor& self) { self.run([](Cursor& c) { c.close(); }); })
       .def_property_readonly("closed", [](PyCursor& self) { return self.run([](Cursor& c) { return c.closed(); }); });
 }

@@ -87,6 +87,9 @@ class Cursor:
     @property
     def lastrowid(self) -> int | None:
         """The rowid of the last row that execute() inserted with INSERT or REPLACE; None before the first."""
+    @property
+    def description(self) -> tuple[tuple[str, None, None, None, None, None, None], ...] | None:
+        """The result columns of the statement last executed, as sqlite3 gives them; None when it has none."""
     def close(self) -> None: ...
     @property
     def closed(self) -> bool: ...

@@ -283,6 +283,11 @@ TEST_F(Handle, RowcountCountsChangedRowsAndIsNegativeOtherwise) {
     if (raised([&] { cursor.execute(sql); }).empty()) EXPECT_EQ(cursor.rowcount(), rowcount) << sql;
     EXPECT_EQ(cursor.lastrowid(), lastrowid) << sql;
   }
+  // The result columns of the last statement: none for a write without RETURNING, none once closed.
+  EXPECT_EQ(cursor.columns(), std::vector<std::string>{});
+  EXPECT_EQ(cursor.execute("SELECT 1 AS a, 2 AS b WHERE 0").columns(), (std::vector<std::string>{"a", "b"}));
+  cursor.close();
+  EXPECT_EQ(cursor.columns(), std::vector<std::string>{});
   // executemany: the total of every set; rows a write returns are dropped, and a query is refused.
   auto many = conn->executemany("INSERT INTO t (v) VALUES (?) RETURNING id", {{1}, {2}, {3}});
   EXPECT_EQ(many.rowcount(), 3);

@@ -91,6 +91,8 @@ def test_rows_and_cursors(db):
     assert [tuple(r) for r in cursor] == [(1, "a"), (2, "b")] and cursor.fetchone() is None
     assert db.execute("UPDATE t SET v = 'c'").rowcount == 2 and cursor.rowcount == -1
     assert cursor.lastrowid is None and db.execute("INSERT INTO t (id, v) VALUES (7, 'd')").lastrowid == 7
+    assert cursor.description == (("id",) + (None,) * 6, ("v",) + (None,) * 6)
+    assert db.execute("DELETE FROM t WHERE id = 7").description is None
     assert db.fetchone("SELECT 1 WHERE 0") is None
     cursor.close()
     with pytest.raises(mq.Error, match=r"^Cannot operate on a closed cursor\.$"):

@@ -790,6 +790,11 @@ Cursor& Cursor::execute_each(std::string_view sql, std::span<const ParamsRef> pa
   return *this;
 }
 
+std::vector<std::string> Cursor::columns() const {
+  if (!stmt_ || !stmt_->stmt) return {};
+  return *stmt_->names;
+}
+
 std::optional<Row> Cursor::fetchone() {
   check_open();
   if (next_buffered_ < buffered_.size()) return std::move(buffered_[next_buffered_++]);

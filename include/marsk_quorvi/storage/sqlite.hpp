@@ -270,6 +270,9 @@ class Cursor {
   // `execute` ran to success on this cursor; none before the first. Other
   // statements, `executemany` and a failed insert leave it as it was.
   std::optional<std::int64_t> lastrowid() const noexcept { return lastrowid_; }
+  // The names of the result columns of the statement last executed; empty
+  // for one that returns no columns, and once the cursor is closed.
+  std::vector<std::string> columns() const;
   // Gives the statement back to the connection's cache. Harmless when closed.
   void close() noexcept;
   bool closed() const noexcept { return closed_; }
