@@ -201,6 +201,18 @@ void parse_query_args(PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames
   if (sql == nullptr) throw py::type_error("fetchone() missing required argument 'sql'");
 }
 
+constexpr std::size_t kKeptRowBytes = 64 * 1024;
+
+// The room that a row's texts and blobs hold.
+std::size_t held_bytes(const Row& row) {
+  std::size_t bytes = 0;
+  for (const Value& v : row.values()) {
+    if (v.type() == Value::Type::Text) bytes += v.as_text().capacity();
+    if (v.type() == Value::Type::Blob) bytes += v.as_blob().capacity();
+  }
+  return bytes;
+}
+
 PyObject* fetchone(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
   try {
     PyObject* sql = nullptr;
@@ -221,7 +233,9 @@ PyObject* fetchone(PyObject* self, PyObject* const* args, Py_ssize_t nargs, PyOb
       found = db.db->fetchone(text, params.ref(), row);
     }
     PyObject* out = found ? make_row(row) : Py_NewRef(Py_None);
-    kept = std::move(row);
+    // A row that held a large text or blob is let go rather than kept for
+    // the thread's lifetime.
+    if (held_bytes(row) <= kKeptRowBytes) kept = std::move(row);
     if (out == nullptr) throw py::error_already_set();
     return out;
   } catch (py::error_already_set& e) {
