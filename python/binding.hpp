@@ -76,8 +76,8 @@ class ParamsIn {
 // The Row type (a sqlite3.Row alike: index, case-insensitive name, len,
 // iteration, keys(), equality). New reference, or null with an error set.
 PyObject* make_row(const Row& row);
-py::object row_or_none(std::optional<Row>&& row);
-py::list row_list(std::vector<Row>&& rows);
+py::object row_or_none(const std::optional<Row>& row);
+py::list row_list(const std::vector<Row>& rows);
 void bind_row(py::module_& m);
 
 // The module's exception classes and the translation of every library

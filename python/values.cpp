@@ -335,14 +335,14 @@ PyObject* make_row(const Row& row) {
   return reinterpret_cast<PyObject*>(out);
 }
 
-py::object row_or_none(std::optional<Row>&& row) {
+py::object row_or_none(const std::optional<Row>& row) {
   if (!row) return py::none();
   PyObject* out = make_row(*row);
   if (out == nullptr) throw py::error_already_set();
   return py::reinterpret_steal<py::object>(out);
 }
 
-py::list row_list(std::vector<Row>&& rows) {
+py::list row_list(const std::vector<Row>& rows) {
   py::list out(rows.size());
   for (std::size_t i = 0; i < rows.size(); ++i) {
     PyObject* row = make_row(rows[i]);

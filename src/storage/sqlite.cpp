@@ -2,10 +2,12 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <initializer_list>
 #include <list>
 #include <string_view>
 #include <utility>
@@ -121,17 +123,10 @@ bool starts_with_keyword(std::string_view s, std::string_view kw) {
   return s.size() == kw.size() || !(std::isalnum(static_cast<unsigned char>(s[kw.size()])) || s[kw.size()] == '_');
 }
 
-bool is_insert(std::string_view sql) {
+// Whether the statement's first keyword, after blanks and comments, is one of `keywords`.
+bool begins_with_any(std::string_view sql, std::initializer_list<std::string_view> keywords) {
   const auto s = skip_space_and_comments(sql);
-  return starts_with_keyword(s, "INSERT") || starts_with_keyword(s, "REPLACE");
-}
-
-bool is_dml(std::string_view sql) {
-  auto s = skip_space_and_comments(sql);
-  for (auto kw : {"INSERT", "UPDATE", "DELETE", "REPLACE", "WITH"}) {
-    if (starts_with_keyword(s, kw)) return true;
-  }
-  return false;
+  return std::any_of(keywords.begin(), keywords.end(), [&](std::string_view kw) { return starts_with_keyword(s, kw); });
 }
 
 // How SQLite holds a bound text or blob: copied, for a statement stepped
@@ -599,8 +594,8 @@ detail::StatementLease Connection::acquire(std::string_view sql) {
     s->readonly = sqlite3_stmt_readonly(st) != 0;
     s->parameters = sqlite3_bind_parameter_count(st);
     s->mutex = sqlite3_db_mutex(db);
-    s->dml = !s->readonly && is_dml(s->sql);
-    s->inserts = s->dml && is_insert(s->sql);
+    s->dml = !s->readonly && begins_with_any(s->sql, {"INSERT", "UPDATE", "DELETE", "REPLACE", "WITH"});
+    s->inserts = s->dml && begins_with_any(s->sql, {"INSERT", "REPLACE"});
   }
   s->names = std::move(names);
   detail::Statement* const statement = s.get();

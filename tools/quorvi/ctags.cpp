@@ -94,11 +94,18 @@ std::size_t skip_blanks(std::string_view s, std::size_t at) {
   return at;
 }
 
-// The string members of a tag line and the fields they fill.
-constexpr std::pair<std::string_view, std::string Tag::*> kTextMembers[] = {
-    {"name", &Tag::name}, {"path", &Tag::path}, {"kind", &Tag::kind}, {"roles", &Tag::roles}};
-constexpr std::pair<std::string_view, std::optional<std::string> Tag::*> kOptionalMembers[] = {
-    {"signature", &Tag::signature}, {"scope", &Tag::scope}, {"scopeKind", &Tag::scope_kind}, {"nameref", &Tag::nameref}};
+// The string members of a tag line and the field each fills: a text, or an
+// optional text (the other pointer null).
+struct StringMember {
+  std::string_view key;
+  std::string Tag::*text;
+  std::optional<std::string> Tag::*optional;
+};
+constexpr StringMember kStringMembers[] = {
+    {"name", &Tag::name, nullptr},           {"path", &Tag::path, nullptr},
+    {"kind", &Tag::kind, nullptr},           {"roles", &Tag::roles, nullptr},
+    {"signature", nullptr, &Tag::signature}, {"scope", nullptr, &Tag::scope},
+    {"scopeKind", nullptr, &Tag::scope_kind}, {"nameref", nullptr, &Tag::nameref}};
 
 // What the quick reader made of a line.
 enum class Flat { tag, other, unreadable };
@@ -144,11 +151,11 @@ Flat parse_flat(std::string_view s, Tag& tag) {
     const std::string_view k = key;
     std::string* field = &other;
     std::optional<std::string>* optional = nullptr;
-    for (const auto& [name, member] : kTextMembers) {
-      if (k == name) field = &(tag.*member);
-    }
-    for (const auto& [name, member] : kOptionalMembers) {
-      if (k == name) optional = &(tag.*member);
+    for (const auto& m : kStringMembers) {
+      if (k != m.key) continue;
+      if (m.text) field = &(tag.*m.text);
+      else optional = &(tag.*m.optional);
+      break;
     }
     bool str = false;
     std::optional<std::int64_t> num;

@@ -187,6 +187,13 @@ constexpr const char* KIND_RANK =
 // The per-file anchor rows are bookkeeping, not symbols.
 constexpr const char* NOT_ANCHOR = "NOT (s.kind = 'module' AND s.parent_id IS NULL)";
 
+// Whole numbers (ids) as a JSON array, for json_each.
+std::string json_numbers(const std::vector<std::int64_t>& numbers) {
+  std::string out = "[";
+  for (const auto n : numbers) out += (out.size() > 1 ? "," : "") + std::to_string(n);
+  return out + "]";
+}
+
 std::string json_array(const std::vector<std::string>& names) {
   // Names are identifiers (named_identifier), so nothing needs escaping.
   std::string out = "[";
@@ -374,9 +381,7 @@ class IncludeGraph {
 class Includers {
  public:
   Includers(Database& db, const std::vector<std::int64_t>& anchors) {
-    std::string list = "[";
-    for (const auto a : anchors) list += (list.size() > 1 ? "," : "") + std::to_string(a);
-    list += "]";
+    const std::string list = json_numbers(anchors);
     const auto budget = static_cast<std::int64_t>(anchors.size()) + include_rows_in_sql;
     const auto reached = db.fetchall(
         "WITH RECURSIVE r(a, id) AS (SELECT value, value FROM json_each(?1) UNION "
@@ -460,10 +465,10 @@ void see_by_includes(Database& db, std::vector<Seen>& rows) {
   // A file's anchor is its first row, as the index writes it: one seek in
   // idx_symbols_file, without reading the row. A file whose first row were
   // anything else would only find no include edge.
-  std::string files = "[";
-  for (const auto& [file_id, anchor] : anchors) files += (files.size() > 1 ? "," : "") + std::to_string(file_id);
+  std::vector<std::int64_t> file_ids;
+  for (const auto& [file_id, anchor] : anchors) file_ids.push_back(file_id);
   for (const auto& row : db.fetchall("SELECT value, (SELECT min(id) FROM symbols WHERE file_id = value) "
-                                     "FROM json_each(?1)", {files + "]"})) {
+                                     "FROM json_each(?1)", {json_numbers(file_ids)})) {
     if (!row[1].is_null()) anchors[row[0].as_int()] = row[1].as_int();
   }
   std::unordered_map<std::int64_t, std::int64_t> reach;  // anchor -> files that include it

@@ -423,7 +423,10 @@ class CursorRows : public StagingRows {
         imports_(conn.cursor()), edges_(conn.cursor()), errors_(conn.cursor()), copy_(conn.cursor()) {}
   ~CursorRows() override { close(); }
   void close() {
-    for (Cursor* c : {&components_, &files_, &symbols_, &chunks_, &imports_, &edges_, &errors_, &copy_, &symbol_batches_}) c->close();
+    for (Cursor* c : {&components_, &files_, &symbols_, &chunks_, &imports_, &edges_, &errors_, &copy_,
+                      &symbol_batches_}) {
+      c->close();
+    }
   }
   void component(std::int64_t id, const std::string& name) override {
     components_.execute("INSERT INTO components (id, name, root_path) VALUES (?, ?, ?)", {id, name, name});
